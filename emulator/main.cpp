@@ -1,0 +1,171 @@
+// The program: serves on loopback until it is told to stop.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include <CLI/CLI.hpp>
+#include <json/value.h>
+
+#include "emulator/atomic_file.h"
+#include "emulator/json_text.h"
+#include "emulator/service.h"
+
+namespace {
+
+constexpr int kExitCannotServe = 1;
+constexpr int kExitUsage = 2;
+
+constexpr const char* kFooter =
+    "The service listens on loopback only, and makes a certificate authority of its own for each\n"
+    "run; its key is never stored. Without --data everything is forgotten at the end. With --data\n"
+    "an existing drive is used as it is; a new one is filled with demo files, unless --no-seed.\n"
+    "\n"
+    "Exit codes: 0 stopped by SIGINT or SIGTERM; 1 cannot serve (port taken, folder or file not\n"
+    "writable, damaged drive); 2 wrong usage.";
+
+struct Arguments {
+  emulator::ServiceOptions service;
+  bool plain_http = false;
+  long long token_lifetime = 3600;
+  std::filesystem::path ca_file;
+  std::filesystem::path ready_file;
+  bool verbose = false;
+};
+
+void Declare(CLI::App& app, Arguments& arguments) {
+  app.footer(kFooter);
+  app.add_option("--host-name", arguments.service.host_name,
+                 "Name in all addresses; it has to resolve to loopback")
+      ->capture_default_str();
+  app.add_option("--port", arguments.service.port, "Port of the service; 0: any free one")
+      ->capture_default_str();
+  app.add_flag("--http", arguments.plain_http, "Plain HTTP instead of TLS");
+  app.add_option("--data", arguments.service.data_directory,
+                 "Folder where the drives are kept; without it they live in memory");
+  app.add_flag("--seed,!--no-seed", arguments.service.seed,
+               "Fill new drives with demo files (default)");
+  app.add_option("--ca-file", arguments.ca_file,
+                 "Write the certificate authority's certificate there (removed at the end)");
+  app.add_option("--ready-file", arguments.ready_file,
+                 "Once serving, write the addresses and a refresh token there as JSON, readable "
+                 "to you alone (removed at the end)");
+  app.add_option("--token-lifetime", arguments.token_lifetime,
+                 "Seconds an access token is good for")
+      ->check(CLI::Range(1LL, 31536000LL))
+      ->capture_default_str();
+  app.add_option("--page-size", arguments.service.page_size, "Most entries on one page of a list")
+      ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  app.add_flag("--verbose", arguments.verbose,
+               "A line on standard error for each request, without tokens");
+}
+
+/// Queries carry page tokens and the secrets of pre-authenticated URLs: paths are enough here.
+void PrintRequest(const emulator::RecordedRequest& request) {
+  static std::mutex mutex;
+  const std::lock_guard lock(mutex);
+  const std::string port = request.origin.substr(request.origin.rfind(':'));
+  std::cerr << port << ' ' << request.method << ' '
+            << request.target.substr(0, request.target.find('?')) << ' ' << request.body_size
+            << " bytes -> " << request.status << std::endl;
+}
+
+/// A file that is there while the service runs.
+class TemporaryFile {
+ public:
+  TemporaryFile(std::filesystem::path path, const std::string& text, mode_t mode)
+      : path_(std::move(path)) {
+    emulator::ReplaceFile(path_, text, mode);
+  }
+  ~TemporaryFile() {
+    std::error_code ignored;
+    std::filesystem::remove(path_, ignored);
+  }
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+
+ private:
+  std::filesystem::path path_;
+};
+
+std::string ReadyText(emulator::Service& service) {
+  Json::Value ready;
+  ready["origin"] = service.Origin();
+  ready["token_url"] = service.TokenUrl();
+  ready["device_code_url"] = service.DeviceCodeUrl();
+  ready["discovery_url"] = service.DiscoveryUrl();
+  ready["discovery_resource"] = service.DiscoveryResource();
+  ready["service_endpoint"] = service.ServiceEndpoint();
+  ready["service_resource"] = service.ServiceResource();
+  ready["client_id"] = service.ClientId();
+  ready["refresh_token"] = service.IssueRefreshToken();
+  return emulator::ToText(ready) + "\n";
+}
+
+void PrintAddresses(const emulator::Service& service) {
+  std::cout << "service           " << service.ServiceEndpoint() << '\n'
+            << "service resource  " << service.ServiceResource() << '\n'
+            << "discovery         " << service.DiscoveryUrl() << '\n'
+            << "tokens            " << service.TokenUrl() << '\n'
+            << "device codes      " << service.DeviceCodeUrl() << '\n'
+            << "contents          " << service.ContentOrigin() << '\n'
+            << "client id         " << service.ClientId() << '\n'
+            << "Stop with Ctrl-C." << std::endl;
+}
+
+void Serve(const Arguments& arguments, const sigset_t& signals) {
+  emulator::Service service(arguments.service);
+  std::optional<TemporaryFile> ca_file;
+  if (!arguments.ca_file.empty()) {
+    ca_file.emplace(arguments.ca_file, service.CertificateAuthorityPem(), 0644);
+  }
+  PrintAddresses(service);
+  std::optional<TemporaryFile> ready_file;
+  if (!arguments.ready_file.empty()) {
+    ready_file.emplace(arguments.ready_file, ReadyText(service), 0600);
+  }
+  int signal = 0;
+  sigwait(&signals, &signal);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Blocked before any thread exists, so that all of them leave these signals to sigwait.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+
+  CLI::App app("OneDrive for Business's service on your desk, for trying out and testing clients");
+  Arguments arguments;
+  try {
+    Declare(app, arguments);
+    app.parse(argc, argv);
+    if (arguments.plain_http && !arguments.ca_file.empty()) {
+      throw CLI::ValidationError("--ca-file", "there is no certificate with --http");
+    }
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
+  }
+  try {
+    arguments.service.tls = !arguments.plain_http;
+    arguments.service.access_token_lifetime = std::chrono::seconds(arguments.token_lifetime);
+    arguments.service.recorded_requests = 0;
+    if (arguments.verbose) arguments.service.observer = PrintRequest;
+    Serve(arguments, signals);
+  } catch (const std::exception& error) {
+    std::cerr << "onedrive4b-emulator: " << error.what() << std::endl;
+    return kExitCannotServe;
+  }
+  return EXIT_SUCCESS;
+}
