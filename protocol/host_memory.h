@@ -1,0 +1,25 @@
+// What operations read from and write into memory of the host.
+#pragma once
+
+#include <string>
+
+#include "module/aerror.h"
+#include "module/records.h"
+
+namespace onedrive4b {
+
+/// Never null, for "%s" and for copying.
+inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+/// Copies the text with its NUL and sets `*length` to its length without the NUL. `*length` says on
+/// entry what the buffer takes besides the NUL; when that is too little the result is
+/// INSUFFICIENT_BUFFER and nothing changes.
+AERROR CopyText(const std::string& text, char* buffer, int* length);
+
+/// Now, as the host shows it for synthesised folders: local wall time in RFC 3339 form.
+std::string LocalTimeText();
+
+/// Gives the record one time for all three.
+void SetTimes(_FS_FILE_V2& file, const std::string& time);
+
+}  // namespace onedrive4b

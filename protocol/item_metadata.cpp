@@ -1,0 +1,91 @@
+// From the service's item JSON to the host's records.
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "module/log.h"
+#include "protocol/onedrivebiz.h"
+#include "support/text.h"
+
+namespace onedrive4b {
+
+namespace {
+
+constexpr std::uint32_t kFile = 1;
+constexpr std::uint32_t kFolder = 2;
+
+// A child of a folder in another drive is in that drive, too.
+std::string ChildId(const char* parent, const std::string& id) {
+  if (OneDriveBiz::IsRemoteFile(parent)) {
+    const std::vector<std::string_view> pieces = SplitAtSlash(parent);
+    if (pieces.size() == 2) return std::string(pieces[0]).append("/").append(id);
+  }
+  return id;
+}
+
+std::shared_ptr<char[]> CopyOf(const std::string& text) {
+  std::shared_ptr<char[]> copy(new char[text.size() + 1]);
+  std::memcpy(copy.get(), text.c_str(), text.size() + 1);
+  return copy;
+}
+
+// An item shared from another drive: its id there. Without drive the id stays as it was.
+void TakeRemoteId(JsonObject& remote, std::string& id) {
+  if (!remote.HasObject("/parentReference") || !remote.HasObject("/id")) return;
+  const JsonObject parent = remote.GetObject("/parentReference");
+  if (parent.HasObject("/driveId")) id = TextAt(parent, "/driveId") + "/" + TextAt(remote, "/id");
+}
+
+void TakeKindAndSize(const JsonObject& item, _FS_FILE_V2& file) {
+  file.size = 0;
+  if (item.HasObject("folder")) {
+    file.attr = kFolder;
+    return;
+  }
+  file.attr = kFile;
+  file.size = static_cast<long long>(item.GetObject("/size"));
+}
+
+}  // namespace
+
+void OneDriveBiz::FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file) {
+  file->id = ChildId(parentId, TextAt(item, "/id"));
+  file->filename = TextAt(item, "/name");
+  file->eTag.reset();
+  if (item.HasObject("eTag")) file->eTag = CopyOf(TextAt(item, "/eTag"));
+  if (item.HasObject("/createdDateTime")) file->crtime = TextAt(item, "/createdDateTime");
+  if (item.HasObject("/lastModifiedDateTime")) {
+    file->lasttime = TextAt(item, "/lastModifiedDateTime");
+    file->accesstime = file->lasttime;
+  }
+  if (item.HasObject("remoteItem")) {
+    JsonObject remote = item.GetObject("remoteItem");
+    TakeRemoteId(remote, file->id);
+    TakeKindAndSize(remote, *file);
+  } else {
+    TakeKindAndSize(item, *file);
+  }
+  __LOG__A(logger, LOGLEVEL_INFO,
+           "[PROTOCOL  ] %s id [%s], filename [%s], attr [%d], size [%lld], crtime [%s], lasttime "
+           "[%s], eTag [%s]",
+           "FillData", file->id.c_str(), file->filename.c_str(), static_cast<int>(file->attr),
+           static_cast<long long>(file->size), file->crtime.c_str(), file->lasttime.c_str(),
+           file->eTag ? file->eTag.get() : "");
+}
+
+StatusHandler OneDriveBiz::ItemHandler(const char* parent, _FS_FILE_V2* file) {
+  return {[parent, file](_CURLRTN& exchange) {
+            try {
+              const JsonObject document = ParseBody(exchange);
+              _FS_FILE_V2 filled = *file;
+              FillData(parent, document.GetObject("/"), &filled);
+              *file = std::move(filled);
+              return SUCCESS;
+            } catch (...) {
+              return FAILED;
+            }
+          },
+          ""};
+}
+
+}  // namespace onedrive4b

@@ -1,0 +1,124 @@
+// Listing a folder, and looking one item up.
+#include <string>
+#include <unordered_set>
+
+#include "module/edge.h"
+#include "module/log.h"
+#include "protocol/host_memory.h"
+#include "protocol/onedrivebiz.h"
+
+namespace onedrive4b {
+
+namespace {
+
+constexpr long kListingLowSpeedTimeout = 60;  // seconds
+constexpr std::string_view kSharedId = "shared";
+
+// One listing under way: hands the pages' entries to the host and follows the links between pages.
+class PageReader {
+ public:
+  PageReader(std::string url, const char* parent, IFileList* list)
+      : url_(std::move(url)), parent_(parent), list_(list), visited_{url_} {}
+
+  const std::string& url() const { return url_; }
+
+  AERROR TakePage(const _CURLRTN& exchange) {
+    try {
+      const JsonObject page = ParseBody(exchange);
+      JsonObject entries = page.GetObject("/value");
+      for (auto index = static_cast<int>(entries.GetArraySize()); index-- > 0;) {
+        Deliver(entries, index);
+      }
+      if (!page.HasObject("@odata.nextLink")) return SUCCESS;
+      url_ = TextAt(page, "@odata.nextLink");
+    } catch (...) {
+      return FAILED;
+    }
+    // A link seen before would be followed for ever.
+    return visited_.insert(url_).second ? RETRY : FAILED;
+  }
+
+ private:
+  // An entry that cannot be used is left out; the others still reach the host.
+  void Deliver(JsonObject& entries, int index) {
+    try {
+      _FS_FILE_V2 file;
+      OneDriveBiz::FillData(parent_, entries[index], &file);
+      list_->AddFile(&file);
+    } catch (...) {
+    }
+  }
+
+  std::string url_;
+  const char* parent_;
+  IFileList* list_;
+  std::unordered_set<std::string> visited_;
+};
+
+}  // namespace
+
+AERROR OneDriveBiz::GetFileList(const char* id, IFileList* list, char** message) {
+  return AtEdge([&] {
+    if (list == nullptr) return INVALID_PARAMETER;
+    if (id != nullptr && *id == '\0' && show_shared_) {
+      for (const _FS_FILE_V2* folder : {&shared_, &root_}) {
+        _FS_FILE_V2 copy = *folder;
+        list->AddFile(&copy);
+      }
+      return SUCCESS;
+    }
+    if (id != nullptr && id == kSharedId) return GetSharedFileList(list, message);
+    return ListPages("GetFileList", GetUrl(id) + "/children", id, list);
+  });
+}
+
+AERROR OneDriveBiz::GetSharedFileList(IFileList* list, char**) {
+  return ListPages("GetSharedFileList", service_endpoint_ + "/drive/oneDrive.sharedWithMe", nullptr,
+                   list);
+}
+
+AERROR OneDriveBiz::ListPages(const char* name, std::string url, const char* parent,
+                              IFileList* list) {
+  if (!SignedIn()) return FS_NEED_AUTHORIZE;
+  PageReader reader(std::move(url), parent, list);
+  const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
+    Address(request, reader.url());
+    request->SetLowSpeedTimeout(kListingLowSpeedTimeout);
+    return request->PerformGet(nullptr, nullptr);
+  };
+  const StatusHandler handler([&](_CURLRTN& exchange) { return reader.TakePage(exchange); }, "");
+  return Query(name, step, {.by_class = {{200, handler}}});
+}
+
+AERROR OneDriveBiz::GetFileInfo(const char* id, _FS_FILE_V2* file, char**) {
+  return AtEdge([&] {
+    if (file == nullptr) return INVALID_PARAMETER;
+    if (id != nullptr && *id == '\0' && show_shared_) {
+      *file = top_;
+      return SUCCESS;
+    }
+    if (id != nullptr && id == kSharedId) {
+      *file = shared_;
+      return SUCCESS;
+    }
+    if (!SignedIn()) return FS_NEED_AUTHORIZE;
+    const std::string url = GetUrl(id);
+    const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
+      Address(request, url);
+      return request->PerformGet(nullptr, nullptr);
+    };
+    // Unlike a change, a lookup fills the host's record field by field.
+    const auto take = [&](_CURLRTN& exchange) {
+      try {
+        const JsonObject document = ParseBody(exchange);
+        FillData(id, document.GetObject("/"), file);
+        return SUCCESS;
+      } catch (...) {
+        return FAILED;
+      }
+    };
+    return Query("GetFileInfo", step, {.by_class = {{200, StatusHandler(take, "")}}});
+  });
+}
+
+}  // namespace onedrive4b

@@ -1,0 +1,179 @@
+// The protocol object that hosts drive through IProtocol_V2.
+//
+// Every operation runs on its caller's thread, and several may run at once on one object, except
+// that SetOpt, Connect and Release run alone. Exceptions end at the edge of each operation.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "module/interfaces.h"
+#include "retry/query_with_backoff.h"
+#include "support/json_object.h"
+#include "support/steady_time.h"
+#include "transport/onedrivebiz_curl.h"
+#include "transport/request_signer.h"
+
+namespace onedrive4b {
+
+class About;
+class AuthorizedReply;
+
+class OneDriveBiz : public IProtocol_V2 {
+ public:
+  static constexpr const char* kProtocolName = "onedrive4b";
+
+  /// Asks the manager, which may be null, for the id of the object's stored values.
+  OneDriveBiz(const char* name, IProtocolManager* manager);
+  OneDriveBiz(const OneDriveBiz&) = delete;
+  OneDriveBiz& operator=(const OneDriveBiz&) = delete;
+
+  void Release() override;
+  AERROR GetUserInfo(char* buffer, int* length) override;
+  AERROR GetQuota(std::uint64_t* total, std::uint64_t* used) override;
+  AERROR SetQuota(std::uint64_t total, std::uint64_t used) override;
+  AERROR GetType(char** out) override;
+  AERROR GetFileList(const char* id, IFileList* list, char** message) override;
+  AERROR GetChanges(IFileChanges* changes, char** message) override;
+  AERROR GetFileInfo(const char* id, _FS_FILE_V2* file, char** message) override;
+  AERROR Rename(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR Move(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR MoveDir(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR CreateDirectory(const char* parent, _FS_FILE_V2* file, char** message) override;
+  AERROR Delete(_FS_FILE_V2* file, char** message) override;
+  AERROR DeleteDirectory(_FS_FILE_V2* file, char** message) override;
+  AERROR Read(const char* id, std::int64_t offset, std::int64_t length,
+              std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* callback,
+              char** message) override;
+  AERROR Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                _FS_FILE_V2* file, UPLOAD_FLAG flag, char** message) override;
+  AERROR SetFileTime(const char* id, std::string created, std::string modified,
+                     std::string accessed, _FS_FILE_V2* file, char** message) override;
+  AERROR SetOpt(const char* key, const char* value) override;
+  AERROR GetCredential(char* buffer, int* length) override;
+  int GetFeature() override;
+  void SetQuotaCallback(void* context,
+                        bool (*callback)(void* context, void* reserved, std::int64_t* total,
+                                         std::int64_t* used)) override;
+  void FreeMsg(char* message) override;
+  AERROR Connect(IProtocolAuth* auth, const char* credential) override;
+  AERROR GetIdentifier(char* buffer, int* length) override;
+  AERROR GetRootID(char* buffer, int* length) override;
+
+  virtual ~OneDriveBiz();
+
+  /// URL of the item's resource; null is the drive root. Ids stand in it verbatim.
+  virtual std::string GetUrl(const char* id);
+
+  static int GetAuthType() noexcept;
+  static AERROR GetAuthFields(char* buffer, int* length) noexcept;
+  static AERROR GetOptFields(char* buffer, int* length) noexcept;
+
+  /// Whether the id names an item of another user's drive.
+  static bool IsRemoteFile(const char* id);
+
+  /// Writes what the item's JSON supplies into the record and leaves the rest. `parentId` is the id
+  /// through which the item was reached, null for the shared view. Throws for an item without id or
+  /// name and for a file without size, after the fields before have been written.
+  static void FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file);
+
+  /// Lists what other users have shared with the account.
+  AERROR GetSharedFileList(IFileList* list, char** message);
+
+  AERROR UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                          _FS_FILE_V2* file, char** message);
+  AERROR UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                         _FS_FILE_V2* file, char** message);
+
+  /// Renews both tokens through the host: RETRY when the caller may repeat its request, else
+  /// FAILED. One renewal runs at a time and serves all that arrive meanwhile; within 3660 s of the
+  /// last one there is no other. Any thread.
+  AERROR RefreshAuth();
+
+  /// Gets the service's token, or renews it. The first time it discovers the service and creates
+  /// the account object. The parameters are not consulted.
+  template <typename Account>
+  AERROR GetAuthForService(JsonObject& reply, std::string endpoint);
+
+  /// Asks the discovery service where the user's files are. May leave `resource` as it was.
+  AERROR GetServiceEndpoint(std::string& resource, std::string& endpoint);
+
+  /// Creates the account object, which fetches the account information.
+  template <typename Account>
+  AERROR AddAbout(std::string endpoint);
+
+ private:
+  friend class About;
+
+  using StepFunction = std::function<_CURLRTN(std::shared_ptr<OneDriveBizCURL>)>;
+
+  // What becomes of the answers to a request; see QueryWithBackoff.
+  struct Answers {
+    StatusHandlers by_class = {};
+    StatusHandlers by_status = {};
+    TransferErrors curl_errors = {};
+  };
+
+  // Runs a request with tokens renewed on 401.
+  AERROR Query(const char* name, StepFunction step, Answers answers);
+  bool SignedIn() const { return service_auth_ != nullptr; }
+  // Sets the URL and signs the request, unless the URL leaves the service's origin.
+  void Address(const std::shared_ptr<OneDriveBizCURL>& request, const std::string& url);
+
+  void SetOptionFields(const char* text);
+
+  // Credential text with the stored refresh token moved into it, or as it is.
+  std::string TakeStoredToken(const char* credential);
+  // Asks the host for the service's token.
+  AuthorizedReply AuthorizeForService();
+  AERROR FinishConnect(AuthorizedReply& reply);
+  AERROR RenewTokens();
+  void KeepRefreshToken(const JsonObject& reply, const char* operation);
+
+  AERROR ListPages(const char* name, std::string url, const char* parent, IFileList* list);
+
+  // Fills `file` as a whole from a response that is an item; leaves it alone when that fails.
+  static StatusHandler ItemHandler(const char* parent, _FS_FILE_V2* file);
+  // The record's entity tag, or the service's present one.
+  AERROR FindETag(const char* id, const _FS_FILE_V2& file, char** message,
+                  std::shared_ptr<char[]>& etag);
+  AERROR PatchItem(const char* name, const char* id, const std::shared_ptr<char[]>& etag,
+                   const JsonObject& changes, _FS_FILE_V2* file);
+
+  std::string refresh_token_;
+  std::string resource_id_;
+  std::string endpoint_uri_;
+  std::string name_;
+  std::string pid_;
+  std::shared_ptr<CURLAuth> auth_;          // signs discovery requests
+  std::shared_ptr<CURLAuth> service_auth_;  // signs drive requests
+  std::shared_ptr<About> about_;
+  std::string service_endpoint_;  // base of every item URL
+  std::int64_t speedlimit_ = 0;   // bytes per second, 0 for none
+  IProtocolManager* manager_;
+  IProtocolAuth* protocol_auth_ = nullptr;
+  std::string credential_;
+  bool show_shared_ = true;
+  _FS_FILE_V2 root_;
+  _FS_FILE_V2 top_;
+  _FS_FILE_V2 shared_;
+  std::function<AERROR(_CURLRTN&)> on_unauthorized_;
+  SteadyTime::Clock::time_point last_refresh_;
+  std::mutex refresh_mutex_;
+  // The thread that holds refresh_mutex_: a 401 met by its own requests must not lock again.
+  std::atomic<std::thread::id> renewing_thread_{};
+  std::string discovery_url_;
+};
+
+/// Text of a response body as JSON. Throws JSON_PARSE_FAILED.
+inline JsonObject ParseBody(const _CURLRTN& exchange) {
+  return JsonObject(exchange.body.get(), exchange.bodylen);
+}
+
+}  // namespace onedrive4b

@@ -1,0 +1,171 @@
+// The one routine through which every request to the service runs.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+
+#include "module/aerror.h"
+#include "module/log.h"
+#include "retry/func_ext.h"
+#include "transport/handle_pool.h"
+#include "transport/request.h"
+
+namespace onedrive4b {
+
+/// Configures the request object from scratch, signs it, runs the transfer. Called once per
+/// attempt.
+template <typename Handle>
+using Step = FuncExt<_CURLRTN(std::shared_ptr<Handle>)>;
+
+/// SUCCESS when the response was consumed, RETRY to run the whole exchange again at once, any other
+/// value to end with it.
+using StatusHandler = FuncExt<AERROR(_CURLRTN&)>;
+using StatusHandlers = std::unordered_map<int, StatusHandler>;
+
+/// Results for transfers that failed, by libcurl's code.
+using TransferErrors = std::unordered_map<int, AERROR>;
+
+/// Key of a handler for any status.
+inline constexpr int kAnyStatus = -1;
+
+/// One call of QueryWithBackoff: the attempts, and what becomes of their answers.
+template <typename Backoff, typename Queue>
+class BackoffQuery {
+ public:
+  using Handle = typename Queue::value_type;
+
+  BackoffQuery(Queue& pool, Step<Handle> step, StatusHandlers range_handlers,
+               StatusHandlers code_handlers, TransferErrors curl_errors)
+      : pool_(pool),
+        step_(std::move(step)),
+        range_handlers_(std::move(range_handlers)),
+        code_handlers_(std::move(code_handlers)),
+        curl_errors_(std::move(curl_errors)) {
+    if (step_.name.empty()) step_.name = "QueryWithBackoff";
+  }
+
+  AERROR Run() {
+    if (!step_.func) return INVALID_PARAMETER;
+    for (;;) {
+      if (const std::optional<AERROR> result = Attempt()) return *result;
+    }
+  }
+
+ private:
+  const char* name() const { return step_.name.c_str(); }
+
+  // The result of the call, or nothing when the exchange is to be run again.
+  std::optional<AERROR> Attempt() {
+    const std::shared_ptr<Handle> handle = pool_.GetCURL();
+    const AutoPutCURL<Handle> put_back(handle, &pool_);
+    _CURLRTN exchange = step_(handle);
+    exchange.impl = handle;
+    if (exchange.curlcode != 0) return OnTransferError(exchange.curlcode);
+    __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s >> %s %s >> %d : %s(%d)", name(),
+             handle->GetScheme().c_str(), handle->GetLastRequest().c_str(), exchange.httpcode,
+             handle->GetLoggableURL().c_str(), static_cast<int>(exchange.bodylen));
+    if (backoff_->IsBackoffCode(exchange.httpcode)) return SlowDown();
+    return Dispatch(exchange);
+  }
+
+  AERROR OnTransferError(int code) {
+    __LOG__A(logger, LOGLEVEL_ERROR, "[PROTOCOL  ] %s >> %s", name(),
+             Handle::ErrorString(static_cast<CURLcode>(code)).c_str());
+    const auto mapped = curl_errors_.find(code);
+    return mapped != curl_errors_.end() ? mapped->second : FAILED;
+  }
+
+  std::optional<AERROR> SlowDown() {
+    if (!backoff_->IsAvaliable()) {
+      __LOG__A(logger, LOGLEVEL_ERROR, "[PROTOCOL  ] %s >> No more backoff", name());
+      return FAILED;
+    }
+    __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s >> %d time(s) backoff left", name(),
+             backoff_->GetLeft());
+    if (backoff_->Backoff() != RETRY) {
+      __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s >> Backoff returns error", name());
+      return FAILED;
+    }
+    __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s >> Backoff done. Retry", name());
+    return std::nullopt;
+  }
+
+  // The handler of the exact status comes first, then that of any status, then that of the class.
+  std::optional<AERROR> Dispatch(_CURLRTN& exchange) {
+    const int status = exchange.httpcode;
+    const int status_class = status / 100 * 100;
+    if (const auto exact = code_handlers_.find(status); exact != code_handlers_.end()) {
+      const AERROR result = exact->second(exchange);
+      __LOG__A(logger, LevelOf(result), "[PROTOCOL  ] %s >> ON HTTP %d : %s(0x%08X)", name(),
+               status, GetAERRORA(result), static_cast<unsigned>(result));
+      return UnlessRetry(result);
+    }
+    if (const auto any = code_handlers_.find(kAnyStatus); any != code_handlers_.end()) {
+      const AERROR result = any->second(exchange);
+      __LOG__A(logger, LevelOf(result), "[PROTOCOL  ] %s >> ON HTTP(for any code) %d : %s(0x%08X)",
+               name(), status, GetAERRORA(result), static_cast<unsigned>(result));
+      return UnlessRetry(result);
+    }
+    if (const auto range = range_handlers_.find(status_class); range != range_handlers_.end()) {
+      const AERROR result = range->second(exchange);
+      __LOG__A(logger, LevelOf(result), "[PROTOCOL  ] %s >> ON HTTP RANGE %d(%d) : %s(0x%08X)",
+               name(), status_class, status, GetAERRORA(result), static_cast<unsigned>(result));
+      return UnlessRetry(result);
+    }
+    return WithoutHandler(status);
+  }
+
+  AERROR WithoutHandler(int status) {
+    if (status >= 400) {
+      __LOG__A(logger, LOGLEVEL_ERROR, "[PROTOCOL  ] %s >> HTTP %d", name(), status);
+      return FAILED;
+    }
+    __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s >> HTTP %d has no handler", name(), status);
+    return SUCCESS;
+  }
+
+  static LOGLEVEL LevelOf(AERROR result) {
+    return result == SUCCESS || result == RETRY ? LOGLEVEL_INFO : LOGLEVEL_ERROR;
+  }
+
+  static std::optional<AERROR> UnlessRetry(AERROR result) {
+    if (result == RETRY) return std::nullopt;
+    return result;
+  }
+
+  // 429 "Too Many Requests" is the service's word for throttling (RFC 6585, section 4).
+  static constexpr int kTooManyRequests = 429;
+  static constexpr int kBackoffSteps = 5;
+
+  Queue& pool_;
+  Step<Handle> step_;
+  StatusHandlers range_handlers_;
+  StatusHandlers code_handlers_;
+  TransferErrors curl_errors_;
+  std::shared_ptr<Backoff> backoff_ =
+      std::make_shared<Backoff>(std::deque<int>{kTooManyRequests}, kBackoffSteps);
+};
+
+/// Runs `step` on request objects from `pool` until an answer is final.
+///
+/// `rangeHandlers` are keyed by the status rounded down to its hundred, `codeHandlers` by the
+/// status or kAnyStatus. Answers 429 are repeated after the policy's waits and reach no handler. A
+/// status without handler is SUCCESS below 400, else FAILED; a failed transfer is never repeated
+/// and gives its entry of `curlErrors`, else FAILED; a step without callable gives
+/// INVALID_PARAMETER.
+///
+/// Runs on the calling thread, waits included. What step or handler throw leaves the routine after
+/// the request object has gone back to the pool.
+template <typename Backoff, typename Queue>
+AERROR QueryWithBackoff(Queue& pool, Step<typename Queue::value_type> step,
+                        StatusHandlers rangeHandlers, StatusHandlers codeHandlers,
+                        TransferErrors curlErrors) {
+  return BackoffQuery<Backoff, Queue>(pool, std::move(step), std::move(rangeHandlers),
+                                      std::move(codeHandlers), std::move(curlErrors))
+      .Run();
+}
+
+}  // namespace onedrive4b

@@ -1,0 +1,33 @@
+// A steady clock that tests turn by hand.
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "support/steady_time.h"
+
+/// In place of the module's clock for its lifetime. Sleeping takes no time and is recorded.
+class FakeTime {
+ public:
+  FakeTime() : real_(onedrive4b::TimeSource()) {
+    now_ = onedrive4b::SteadyTime::Clock::now();
+    waits_.clear();
+    onedrive4b::TimeSource() = {[] { return now_; },
+                                [](std::chrono::seconds wait) {
+                                  waits_.push_back(wait.count());
+                                  now_ += wait;
+                                }};
+  }
+  FakeTime(const FakeTime&) = delete;
+  FakeTime& operator=(const FakeTime&) = delete;
+  ~FakeTime() { onedrive4b::TimeSource() = real_; }
+
+  void Advance(std::chrono::seconds duration) { now_ += duration; }
+  /// Seconds of each sleep, in order.
+  const std::vector<long>& waits() const { return waits_; }
+
+ private:
+  static inline onedrive4b::SteadyTime::Clock::time_point now_;
+  static inline std::vector<long> waits_;
+  onedrive4b::SteadyTime real_;
+};

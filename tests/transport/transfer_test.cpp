@@ -1,0 +1,416 @@
+// Hunts requests that leave in the wrong form, answers that are cut at the wrong place, and what
+// one request leaves behind for the next.
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "emulator/gzip.h"
+#include "tests/web_server.h"
+#include "transport/onedrivebiz_curl.h"
+#include "transport/url.h"
+
+namespace onedrive4b {
+namespace {
+
+using emulator::Response;
+
+std::string BodyOf(const _CURLRTN& result) { return {result.body.get(), result.bodylen}; }
+
+Response Text(std::string text, int status = 200) {
+  Response response;
+  response.status = status;
+  response.text = std::move(text);
+  return response;
+}
+
+Response RedirectTo(const std::string& location, int status) {
+  Response response = Text("moved, and this page does not count", status);
+  response.SetHeader("Location", location);
+  return response;
+}
+
+std::size_t AppendTo(char* data, std::size_t size, std::size_t count, void* text) {
+  static_cast<std::string*>(text)->append(data, size * count);
+  return size * count;
+}
+
+void* Function(std::size_t (*function)(char*, std::size_t, std::size_t, void*)) {
+  return reinterpret_cast<void*>(function);
+}
+
+TEST(Request, RunsInFiveWays) {
+  const WebServer server([](const Received&) { return Text("answer"); });
+  enum Way { kGet, kStream, kText, kReader, kForm };
+  struct Case {
+    Way way;
+    const char *method, *target, *body, *length;
+  };
+  for (const Case& c : {
+           Case{kGet, "GET", "/p?x=1&select=name%2Csize", "", "(none)"},
+           {kStream, "GET", "/p?x=1&select=name%2Csize", "", "(none)"},
+           {kText, "POST", "/p?x=1&select=name%2Csize", "{\"a\":1}", "7"},
+           {kReader, "POST", "/p?x=1&select=name%2Csize", "12345", "5"},
+           {kForm, "POST", "/p?x=1", "select=name%2Csize", "18"},
+       }) {
+    SCOPED_TRACE(c.way);
+    CURLImpl request;
+    request.SetURL(server.Url("/p?x=1").c_str());
+    request.AddQuery("select", std::string("name,size"));
+    BodyCursor cursor{"12345", 0, 5};
+    std::string streamed;
+    const _CURLRTN result = c.way == kGet      ? request.PerformGet(nullptr, nullptr)
+                            : c.way == kStream ? request.PerformGet(Function(AppendTo), &streamed)
+                            : c.way == kText   ? request.PerformPost(c.body)
+                            : c.way == kReader
+                                ? request.PerformPost(Function(read_callback_buf_func), &cursor, 5)
+                                : request.PerformPost(nullptr, nullptr, -1);
+    ASSERT_EQ(result.curlcode, CURLE_OK);
+    EXPECT_EQ(result.httpcode, 200);
+    EXPECT_EQ(c.way == kStream ? streamed : BodyOf(result), "answer");
+    EXPECT_EQ(result.header != nullptr, c.way != kStream);
+    EXPECT_EQ(result.bodylen, c.way == kStream ? 0U : 6U);
+    EXPECT_EQ(request.GetLastRequest(), c.method);
+    EXPECT_EQ(request.GetScheme(), "HTTP");
+    const Received got = server.requests().back();
+    EXPECT_EQ(got.method, c.method);
+    EXPECT_EQ(got.target, c.target);
+    EXPECT_EQ(got.body, c.body);
+    EXPECT_EQ(got.Header("Content-Length"), c.length);
+    EXPECT_EQ(got.Header("User-Agent"), "Tamborel(gzip)");
+    EXPECT_NE(got.Header("Accept-Encoding").find("gzip"), std::string::npos);
+  }
+}
+
+TEST(Request, SendsMethodWordsHeadersAndEmptyBodies) {
+  const WebServer server([](const Received&) { return Text("", 204); });
+  CURLImpl request;
+  request.SetURL(server.Url("/item").c_str());
+  request.SetRequest("DELETE");
+  request.AddHeader("if-match", std::string("\"{A},1\""));
+  request.AddHeader("If-None", "first");
+  request.AddHeader("If-None", "second");
+  const _CURLRTN result = request.PerformPost(nullptr, nullptr, -1);
+  EXPECT_EQ(result.httpcode, 204);
+  EXPECT_EQ(result.bodylen, 0U);
+  EXPECT_EQ(result.body, nullptr);
+  EXPECT_TRUE(std::string_view(result.header.get()).starts_with("HTTP/1.1 204"));
+  EXPECT_EQ(std::string_view(result.header.get()).size(), result.headerlen);
+  const Received got = server.requests().back();
+  EXPECT_EQ(got.method, "DELETE");
+  EXPECT_EQ(got.Header("if-match"), "\"{A},1\"");
+  EXPECT_EQ(got.Header("If-None"), "second");
+  EXPECT_EQ(got.Header("Content-Length"), "0");
+  EXPECT_EQ(got.Header("Content-Type"), "application/x-www-form-urlencoded");
+  EXPECT_EQ(request.GetLastRequest(), "DELETE");
+}
+
+TEST(Request, ClearForgetsTheRequest) {
+  const WebServer server([](const Received&) { return Text("answer"); });
+  CURLImpl request;
+  request.SetURL(server.Url("/first").c_str());
+  request.SetRequest("PATCH");
+  request.AddHeader("if-match", "e");
+  request.AddQuery("q", std::string("1"));
+  request.SetSpeedLimit(1);
+  request.PerformPost("body");
+  request.Clear();
+  EXPECT_TRUE(request.GetURL().empty() && request.GetRequest().empty());
+  EXPECT_TRUE(request.GetLastRequest().empty() && request.GetQuery().empty());
+  EXPECT_TRUE(request.GetHeader().empty());
+
+  request.SetURL(server.Url("/second").c_str());
+  EXPECT_EQ(BodyOf(request.PerformGet(nullptr, nullptr)), "answer");
+  const Received got = server.requests().back();
+  EXPECT_EQ(got.method, "GET");
+  EXPECT_EQ(got.target, "/second");
+  EXPECT_EQ(got.body, "");
+  EXPECT_EQ(got.Header("if-match"), "(none)");
+  EXPECT_EQ(got.Header("User-Agent"), "Tamborel(gzip)");
+}
+
+TEST(Request, BuildsQueriesHeadersAndEscapes) {
+  CURLImpl request;
+  EXPECT_EQ(request.BuildQueryString(true), "");
+  EXPECT_EQ(request.BuildHeader(), nullptr);
+  request.AddQuery("select", std::string("name,size"));
+  EXPECT_EQ(request.BuildQueryString(true), "select=name%2Csize");
+  EXPECT_EQ(request.BuildQueryString(false), "select=name,size");
+  request.AddHeader("Authorization", "1");
+  request.AddHeader("authorization", "2");
+  EXPECT_EQ(request.GetHeader().size(), 2U);
+  EXPECT_EQ(request.Escape("a b#\xC3\xA9.-_~"), "a%20b%23%C3%A9.-_~");
+  EXPECT_EQ(request.Escape(""), "");
+  EXPECT_EQ(request.Unescape("a%20b+c%00d"), "a b+c");
+  EXPECT_EQ(request.GetEffectiveURL(), "");
+  EXPECT_EQ(request.GetScheme(), "");
+}
+
+TEST(Response, KeepsEveryHeaderBlockAndOnlyTheBody) {
+  // Interim answers, a redirect, a compressed chunked body and a trailer, all in one exchange.
+  WebServer* self = nullptr;
+  const std::string text(100000, 'b');
+  WebServer server([&](const Received& request) {
+    if (request.target == "/start") {
+      Response redirect = RedirectTo(self->Url("/end"), 302);
+      redirect.delivery.chunked = true;
+      redirect.delivery.trailers = {{"X-Trailer", "not a header"}};
+      return redirect;
+    }
+    Response response = Text(emulator::Gzip(text));
+    response.SetHeader("Content-Encoding", "gzip");
+    response.delivery.interim = {{103, {{"Link", "</style>"}}}};
+    response.delivery.chunked = true;
+    response.delivery.trailers = {{"X-Trailer", "not the body"}};
+    return response;
+  });
+  self = &server;
+  CURLImpl request;
+  request.SetURL(server.Url("/start").c_str());
+  const _CURLRTN result = request.PerformGet(nullptr, nullptr);
+  ASSERT_EQ(result.curlcode, CURLE_OK);
+  EXPECT_EQ(result.httpcode, 200);
+  ASSERT_EQ(result.bodylen, text.size()) << BodyOf(result).substr(text.size());
+  EXPECT_EQ(BodyOf(result), text);
+  const std::string headers(result.header.get(), result.headerlen);
+  for (const char* status : {"HTTP/1.1 302", "HTTP/1.1 103", "HTTP/1.1 200"}) {
+    EXPECT_NE(headers.find(status), std::string::npos) << status;
+  }
+  EXPECT_TRUE(headers.ends_with("\r\n\r\n"));
+  EXPECT_EQ(headers.find("X-Trailer: not"), std::string::npos);
+  EXPECT_EQ(request.GetEffectiveURL(), server.Url("/end"));
+  // A stream after a collected answer finds nothing left of it.
+  std::string streamed;
+  request.Clear();
+  request.SetURL(server.Url("/end").c_str());
+  EXPECT_EQ(request.PerformGet(Function(AppendTo), &streamed).httpcode, 200);
+  EXPECT_EQ(streamed, text);
+}
+
+TEST(Response, FailedTransfersDeliverNothing) {
+  const WebServer server([](const Received& request) {
+    Response response = Text("a body that breaks off");
+    if (request.target == "/reset") response.delivery.cut = emulator::Cut::kReset;
+    if (request.target == "/truncated") response.delivery.cut = emulator::Cut::kClose;
+    if (request.target == "/longer") response.delivery.length_error = 10;
+    if (request.target != "/reset") response.delivery.place = emulator::Place::kInBody;
+    response.delivery.after_bytes = 5;
+    return response;
+  });
+  for (const std::string& url :
+       {server.Url("/reset"), server.Url("/truncated"), server.Url("/longer"),
+        std::string("http://127.0.0.1:1/"), std::string("file:///etc/hostname"),
+        std::string("http://a b/"), std::string()}) {
+    SCOPED_TRACE(url);
+    CURLImpl request;
+    request.SetURL(url.c_str());
+    const _CURLRTN result = request.PerformGet(nullptr, nullptr);
+    EXPECT_NE(result.curlcode, CURLE_OK);
+    EXPECT_EQ(result.httpcode, 0);
+    EXPECT_EQ(result.bodylen + result.headerlen, 0U);
+    EXPECT_TRUE(result.body == nullptr && result.header == nullptr && result.errmsg.empty());
+  }
+}
+
+TEST(Response, CompressedBombIsRefused) {
+  // 300 MiB of zeros in 300 KiB: gzip members follow each other.
+  std::string bomb;
+  const std::string member = emulator::Gzip(std::string(1 << 20, '\0'));
+  for (int i = 0; i < 300; ++i) bomb += member;
+  const WebServer server([&](const Received&) {
+    Response response = Text(bomb);
+    response.SetHeader("Content-Encoding", "gzip");
+    return response;
+  });
+  CURLImpl request;
+  request.SetURL(server.Url("/").c_str());
+  const _CURLRTN result = request.PerformGet(nullptr, nullptr);
+  EXPECT_NE(result.curlcode, CURLE_OK);
+  EXPECT_EQ(result.body, nullptr);
+}
+
+TEST(Request, BodiesFollowRedirects) {
+  WebServer* self = nullptr;
+  int status = 0;
+  WebServer server([&](const Received& request) {
+    return request.target == "/a" ? RedirectTo(self->Url("/b"), status)
+                                  : Text(request.method + request.body);
+  });
+  self = &server;
+  const std::string body(300, 'j');
+  struct Case {
+    int status;
+    const char* method;
+    std::string arrives;
+  };
+  for (const Case& c : {Case{307, "", "POST" + body},
+                        {308, "", "POST" + body},
+                        {303, "", "GET"},
+                        {301, "PUT", "PUT" + body},
+                        {302, "PUT", "PUT" + body},
+                        {303, "PUT", "PUT" + body},
+                        {307, "PUT", "PUT" + body}}) {
+    SCOPED_TRACE(std::to_string(c.status) + c.method);
+    status = c.status;
+    CURLImpl request;
+    request.SetURL(server.Url("/a").c_str());
+    request.SetRequest(c.method);
+    EXPECT_EQ(BodyOf(request.PerformPost(body)), c.arrives);
+  }
+}
+
+TEST(Request, ForgedHeadersAreNeverSent) {
+  const WebServer server([](const Received&) { return Text("answer"); });
+  const std::string nul("v\0w", 3);
+  for (const auto& [name, value] : {std::pair<std::string, std::string>{"X", "v\r\nForged: 1"},
+                                    {"X", "v\n"},
+                                    {"X", nul},
+                                    {"X\r\nForged", "1"}}) {
+    CURLImpl request;
+    request.SetURL(server.Url("/").c_str());
+    request.AddHeader(name.c_str(), value);
+    EXPECT_NE(request.PerformGet(nullptr, nullptr).curlcode, CURLE_OK);
+  }
+  EXPECT_TRUE(server.requests().empty());
+}
+
+TEST(Request, RedirectsKeepTheTokenAndTheProtocolAtHome) {
+  const WebServer foreign([](const Received&) { return Text("foreign"); });
+  WebServer* self = nullptr;
+  WebServer server([&](const Received& request) {
+    if (request.target == "/foreign") return RedirectTo(foreign.Url("/"), 302);
+    if (request.target == "/file") return RedirectTo("file:///etc/hostname", 302);
+    if (request.target == "/loop") return RedirectTo(self->Url("/loop"), 302);
+    return Text("home");
+  });
+  self = &server;
+  CURLImpl request;
+  request.AddHeader("Authorization", "Bearer secret");
+  request.SetURL(server.Url("/foreign").c_str());
+  EXPECT_EQ(BodyOf(request.PerformGet(nullptr, nullptr)), "foreign");
+  EXPECT_EQ(server.requests().back().Header("Authorization"), "Bearer secret");
+  EXPECT_EQ(foreign.requests().back().Header("Authorization"), "(none)");
+  request.SetURL(server.Url("/file").c_str());
+  EXPECT_EQ(request.PerformGet(nullptr, nullptr).curlcode, CURLE_UNSUPPORTED_PROTOCOL);
+  request.SetURL(server.Url("/loop").c_str());
+  EXPECT_EQ(request.PerformGet(nullptr, nullptr).curlcode, CURLE_TOO_MANY_REDIRECTS);
+  EXPECT_EQ(server.requests().size(), 2U + 33U);
+}
+
+TEST(Progress, ReportsTheRightDirection) {
+  struct Report {
+    long long total = 0, done = 0;
+  };
+  const WebServer server([](const Received&) { return Text(std::string(70000, 'd')); });
+  for (const bool upload : {true, false}) {
+    Report report;
+    const auto handle = std::make_shared<_FS_HANDLE>();
+    handle->progressctx = &report;
+    handle->progress = [](long long total, long long done, void* context, double) {
+      *static_cast<Report*>(context) = {total, done};
+      throw 1;  // must neither leave libcurl nor end the transfer
+    };
+    CURLImpl request;
+    request.SetURL(server.Url("/").c_str());
+    upload ? request.BindHandle(handle) : request.BindHandleForDownload(handle);
+    EXPECT_EQ(request.PerformPost(std::string(50000, 'u')).httpcode, 200);
+    EXPECT_EQ(report.total, upload ? 50000 : 70000);
+    EXPECT_EQ(report.done, report.total);
+  }
+}
+
+TEST(Progress, CountsAnUploadOverItsRequests) {
+  std::vector<std::pair<long long, long long>> reports;
+  UploadProgress progress;
+  progress.context = &reports;
+  progress.callback = [](long long total, long long done, void* context, double) {
+    static_cast<std::vector<std::pair<long long, long long>>*>(context)->emplace_back(total, done);
+  };
+  progress.total = 100;
+  const OneDriveBizCURL request;
+  for (const long uploaded : {4L, 10L}) {
+    progress.InstallOn(request);
+    _CURL_PROGRESS_ONEDRIVE(&progress, 0, 0, 0, 3);
+    _CURL_PROGRESS_ONEDRIVE(&progress, 0, 0, 0, uploaded);
+  }
+  EXPECT_EQ(reports, (std::vector<std::pair<long long, long long>>{
+                         {100, 3}, {100, 4}, {100, 7}, {100, 14}}));
+}
+
+TEST(BodyCursor, ReadsAndSeeks) {
+  BodyCursor cursor{"abcdef", 0, 6};
+  char buffer[4];
+  EXPECT_EQ(read_callback_buf_func(buffer, 2, 2, &cursor), 4U);
+  EXPECT_EQ(read_callback_buf_func(buffer, 1, 4, &cursor), 2U);
+  EXPECT_EQ(read_callback_buf_func(buffer, 1, 4, &cursor), 0U);
+  struct Case {
+    int origin;
+    long distance, offset;
+  };
+  for (const Case& c : {Case{SEEK_SET, 2, 2},
+                        {SEEK_CUR, 3, 5},
+                        {SEEK_END, -1, 5},
+                        {99, 1, 5},
+                        {SEEK_SET, 50, 50}}) {
+    EXPECT_EQ(read_callback_buf_seek_func(&cursor, c.distance, c.origin), CURL_SEEKFUNC_OK);
+    EXPECT_EQ(cursor.offset, c.offset);
+  }
+  EXPECT_EQ(read_callback_buf_func(buffer, 1, 4, &cursor), 0U) << "past the end there is nothing";
+  EXPECT_EQ(read_callback_buf_seek_func(nullptr, 0, SEEK_SET), CURL_SEEKFUNC_FAIL);
+}
+
+TEST(Tls, VerifiesAgainstTheBundleBesideTheProgram) {
+  const auto served = emulator::MakeServerIdentity("localhost");
+  const auto unknown = emulator::MakeServerIdentity("localhost");
+  const WebServer server([](const Received&) { return Text("secure"); }, {.tls = served});
+  const auto get = [&](const std::string& url) {
+    OneDriveBizCURL request;
+    request.SetURL(url.c_str());
+    return request.PerformGet(nullptr, nullptr).curlcode;
+  };
+  const std::string url = server.Url("/");
+  {
+    const TrustedAuthority trusted(served.authority_pem);
+    EXPECT_EQ(get(url), CURLE_OK);
+    const std::string port = url.substr(url.rfind(':') + 1, url.rfind('/') - url.rfind(':') - 1);
+    const std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> other_name(
+        curl_slist_append(nullptr, ("other.example:" + port + ":127.0.0.1").c_str()),
+        curl_slist_free_all);
+    OneDriveBizCURL request;
+    SetOption(request.GetCURL(), CURLOPT_RESOLVE, other_name.get());
+    request.SetURL(("https://other.example:" + port + "/").c_str());
+    EXPECT_EQ(request.PerformGet(nullptr, nullptr).curlcode, CURLE_PEER_FAILED_VERIFICATION);
+    EXPECT_NE(get("http" + url.substr(url.find(':'))), CURLE_OK);
+  }
+  {
+    const TrustedAuthority other(unknown.authority_pem);
+    EXPECT_EQ(get(url), CURLE_PEER_FAILED_VERIFICATION);
+  }
+  EXPECT_EQ(get(url), CURLE_PEER_FAILED_VERIFICATION) << "no bundle is no reason not to verify";
+}
+
+TEST(Url, ComparesOrigins) {
+  struct Case {
+    const char *a, *b;
+    bool same;
+  };
+  for (const Case& c : {
+           Case{"https://host/a", "https://HOST:443/b?c", true},
+           {"http://host", "http://host:80/", true},
+           {"https://host", "http://host", false},
+           {"https://host:444", "https://host", false},
+           {"https://host.evil", "https://host", false},
+           {"https://user@host/", "https://host/", true},
+           {"https://host@evil/", "https://host/", false},
+           {"", "", false},
+           {"https://", "https://", false},
+           {"file:///a", "file:///a", false},
+       }) {
+    EXPECT_EQ(SameOrigin(c.a, c.b), c.same) << c.a << " " << c.b;
+  }
+}
+
+}  // namespace
+}  // namespace onedrive4b

@@ -1,0 +1,182 @@
+// One reusable HTTP request over one libcurl easy handle.
+//
+// A request is configured, run with one of the transfer operations, and cleared. Connections, TLS
+// and proxy set-up survive the clearing, so the next request finds a warm connection.
+//
+// One thread at a time. libcurl holds pointers into the object, so it is never copied.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <unordered_map>
+
+#include <curl/curl.h>
+
+#include "module/records.h"
+#include "transport/easy_option.h"
+#include "transport/transfer_result.h"
+
+namespace onedrive4b {
+
+struct CollectedResponse;
+
+/// What libcurl's progress data points at: whom to tell, and whose speed to ask.
+struct ProgressBinding {
+  ProgressCallback callback = nullptr;  ///< null for none
+  void* context = nullptr;
+  CURL* curl = nullptr;
+};
+
+/// A request body in memory, as the buffer callbacks read it.
+struct BodyCursor {
+  const char* data = nullptr;
+  std::int64_t offset = 0;  ///< bytes already handed to libcurl
+  std::int64_t length = 0;
+};
+
+class CURLImpl {
+ public:
+  /// HTTP/1.1 over http or https only, redirects followed, every encoding accepted, 10 s to
+  /// connect, and given up after 20 s below 1 byte/s. Certificates are not checked before
+  /// SetSSLDefaults.
+  CURLImpl();
+  CURLImpl(const CURLImpl&) = delete;
+  CURLImpl& operator=(const CURLImpl&) = delete;
+  virtual ~CURLImpl();
+
+  /// Drops everything that belongs to one request. Keeps connections, TLS set-up, user agent and
+  /// the proxy's kind, port and credentials; the proxy's host is dropped, so the proxy is off.
+  virtual void Clear();
+
+  /// Sends a request without body. Both arguments null: the response is collected. Otherwise the
+  /// body streams to a libcurl write function and its data, and the result holds neither body nor
+  /// headers.
+  virtual _CURLRTN PerformGet(void* writeFunction, void* writeData);
+
+  /// Sends `body`, which libcurl may rewind. The response is collected.
+  virtual _CURLRTN PerformPost(std::string body);
+
+  /// Sends `size` bytes from a libcurl read function and its data; with size -1 the data is a
+  /// BodyCursor. Without read function the query parameters are the body, form-encoded. The
+  /// response is collected.
+  virtual _CURLRTN PerformPost(void* readFunction, void* readData, long long size);
+
+  void SetURL(const char* url);
+  /// A URL whose query authorises the request, so that it must not be logged.
+  void SetPreauthenticatedURL(const char* url);
+  /// Method word in place of the transfer's own.
+  void SetRequest(const char* method);
+  std::string GetURL() const { return url; }
+  /// The URL as it may stand in a log.
+  std::string GetLoggableURL() const;
+  std::string GetRequest() const { return request; }
+  /// Method of the last transfer.
+  std::string GetLastRequest() const { return lastrequest; }
+
+  /// The value as `<<` writes it. Keys are never escaped, values always.
+  template <typename T>
+  void AddQuery(const char* key, T value) {
+    query[key] = Written(value);
+  }
+  /// A name or value with CR, LF or NUL makes the transfer fail before anything is sent.
+  template <typename T>
+  void AddHeader(const char* name, T value) {
+    headers[name] = Written(value);
+  }
+  std::unordered_map<std::string, std::string> GetQuery() const { return query; }
+  std::unordered_map<std::string, std::string> GetHeader() const { return headers; }
+
+  /// Multipart form (libcurl's curl_httppost); ownership passes to the object.
+  void SetPost(curl_httppost* form);
+  void SetPostFileSize(long long size);
+  /// Bytes per second in both directions; 0 for no limit.
+  void SetSpeedLimit(long long bytesPerSecond);
+  void SetLowSpeedTimeout(long seconds);
+  /// Asks for a socket send buffer of 1 MiB.
+  void SetSendBuffer();
+
+  /// `type` as ProtocolUtil::curlProxyType gives it. An empty host or type 0 means no proxy; a port
+  /// of 0 leaves libcurl's default or the port in `host`. Credentials are set when `user` is not
+  /// empty.
+  void SetProxy(int type, std::string host, int port, std::string user, std::string password);
+
+  /// Checks certificate and host name, against the bundle beside the host program or, when there is
+  /// none, against libcurl's default bundle.
+  void SetSSLDefaults();
+
+  /// Reports upload or download progress to the handle's callback during the next transfer. Copies
+  /// the two pointers; does not keep the handle.
+  void BindHandle(std::shared_ptr<_FS_HANDLE> handle);
+  void BindHandleForDownload(std::shared_ptr<_FS_HANDLE> handle);
+
+  /// key=value pairs joined by "&"; "" for none.
+  std::string BuildQueryString(bool escape) const;
+  /// One line per header; null for none. The caller frees it with curl_slist_free_all.
+  curl_slist* BuildHeader() const;
+
+  /// Percent-encodes everything but unreserved characters (RFC 3986, section 2.3).
+  std::string Escape(const char* text) const;
+  /// Decodes percent escapes, up to the first NUL; "+" stays.
+  std::string Unescape(const char* text) const;
+
+  static std::string ErrorString(CURLcode code);
+  /// Of the last transfer; "" before the first.
+  std::string GetEffectiveURL() const;
+  std::string GetScheme() const;
+  CURL* GetCURL() const { return curl.get(); }
+
+ protected:
+  std::shared_ptr<CURL> curl;
+  curl_httppost* post = nullptr;
+  ProgressBinding progress;
+  std::unordered_map<std::string, std::string> query;
+  std::unordered_map<std::string, std::string> headers;
+  std::string url;
+  std::string request;
+  std::string lastrequest;
+  long connecttimeout = 10;
+  std::array<char, CURL_ERROR_SIZE> errorbuffer{};
+  bool preauthenticated = false;
+  bool failed = false;  // the last transfer
+
+ private:
+  template <typename T>
+  static std::string Written(const T& value) {
+    std::ostringstream text;
+    text << value;
+    return text.str();
+  }
+
+  template <typename Value>
+  void Set(CURLoption option, Value value) {
+    SetOption(curl.get(), option, value);
+  }
+
+  void FreePost();
+  void RenewHandle();
+  void Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback report);
+  bool HeadersCanBeSent() const;
+  std::string BuildURL() const;
+  _CURLRTN Run(const char* natural_method, CollectedResponse* response);
+};
+
+// Callbacks with libcurl's signatures. None lets an exception into libcurl.
+
+/// Appends to an evbuffer; refuses what would make a collected response larger than 256 MiB.
+std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer);
+/// Copies from a BodyCursor.
+std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t count, void* cursor);
+int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin);
+/// Tells the binding's callback how far a transfer has come, and its speed. Always 0, so that
+/// neither progress nor a callback that throws ends a transfer.
+int ReportProgress(const ProgressBinding* to, CURLINFO speed, curl_off_t total, curl_off_t done);
+/// Report upload and download progress to a ProgressBinding. Always 0.
+int _CURL_PROGRESS(void* binding, curl_off_t download_total, curl_off_t downloaded,
+                   curl_off_t upload_total, curl_off_t uploaded);
+int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
+                            curl_off_t upload_total, curl_off_t uploaded);
+
+}  // namespace onedrive4b

@@ -1,0 +1,31 @@
+#include "transport/request_signer.h"
+
+#include <algorithm>
+#include <vector>
+
+namespace onedrive4b {
+
+CURLAuth::CURLAuth(JsonObject& auth) { CURLAuth::SetAuth(auth); }
+
+void CURLAuth::SetAuth(JsonObject& auth) {
+  const std::lock_guard guard(lock);
+  if (!auth.HasObject("/results")) return;
+  const JsonObject results = auth.GetObject("/results");
+  const std::vector<std::string> names = results.GetKeys();
+  if (std::find(names.begin(), names.end(), "access_token") == names.end()) return;
+  AddHeader("Authorization", ("Bearer " + TextAt(results, "access_token")).c_str());
+}
+
+void CURLAuth::SignAuthentication(CURLImpl& request) { SignAuthentication(&request); }
+
+void CURLAuth::SignAuthentication(std::shared_ptr<CURLImpl> request) {
+  SignAuthentication(request.get());
+}
+
+void CURLAuth::SignAuthentication(CURLImpl* request) {
+  const std::lock_guard guard(lock);
+  for (const auto& [name, value] : args) request->AddQuery(name.c_str(), value);
+  for (const auto& [name, value] : headers) request->AddHeader(name.c_str(), value);
+}
+
+}  // namespace onedrive4b

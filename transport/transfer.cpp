@@ -1,0 +1,248 @@
+// The transfer operations of CURLImpl and the callbacks that libcurl calls meanwhile.
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string_view>
+
+#include <event2/buffer.h>
+
+#include "transport/request.h"
+
+namespace onedrive4b {
+
+namespace {
+
+// A service never answers with more; a compressed bomb would.
+constexpr std::size_t kLargestCollectedResponse = std::size_t{256} << 20;
+
+struct FreeEvbuffer {
+  void operator()(evbuffer* buffer) const { evbuffer_free(buffer); }
+};
+using Evbuffer = std::unique_ptr<evbuffer, FreeEvbuffer>;
+
+Evbuffer NewEvbuffer() {
+  Evbuffer buffer(evbuffer_new());
+  if (!buffer) throw std::bad_alloc();
+  return buffer;
+}
+
+struct FreeHeaderList {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using HeaderList = std::unique_ptr<curl_slist, FreeHeaderList>;
+
+std::shared_ptr<char[]> AllocateBlock(std::size_t size) {
+  void* block = std::malloc(size);
+  if (block == nullptr) throw std::bad_alloc();
+  return {static_cast<char*>(block), std::free};
+}
+
+bool CanStandInHeader(std::string_view text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+}
+
+_CURLRTN WithoutHandle() {
+  _CURLRTN result;
+  result.curlcode = CURLE_FAILED_INIT;
+  return result;
+}
+
+}  // namespace
+
+// A response as it arrives. Header blocks and body are kept apart: libcurl could put both into one
+// stream (CURLOPT_HEADER), but versions differ in whether the trailer lines of a chunked body get
+// there, too. They belong to neither part.
+struct CollectedResponse {
+  // libcurl hands over one line at a time: those of a header block, which begins with a status line
+  // and ends with an empty one, and trailer lines.
+  static std::size_t TakeHeaderLine(char* data, std::size_t size, std::size_t count, void* to) {
+    auto* response = static_cast<CollectedResponse*>(to);
+    const std::string_view line(data, size * count);
+    if (line.starts_with("HTTP/")) response->in_header_block_ = true;
+    if (!response->in_header_block_) return line.size();
+    if (line == "\r\n" || line == "\n") response->in_header_block_ = false;
+    return write_callback_ev_func(data, size, count, response->headers_.get());
+  }
+
+  evbuffer* body() const { return body_.get(); }
+
+  void MoveInto(_CURLRTN& result) const {
+    result.headerlen = static_cast<std::uint32_t>(evbuffer_get_length(headers_.get()));
+    result.bodylen = static_cast<std::uint32_t>(evbuffer_get_length(body_.get()));
+    if (result.headerlen != 0) {
+      result.header = AllocateBlock(result.headerlen + 1);
+      result.header[result.headerlen] = '\0';
+      evbuffer_remove(headers_.get(), result.header.get(), result.headerlen);
+    }
+    if (result.bodylen != 0) {
+      result.body = AllocateBlock(result.bodylen);
+      evbuffer_remove(body_.get(), result.body.get(), result.bodylen);
+    }
+  }
+
+ private:
+  Evbuffer headers_ = NewEvbuffer();
+  Evbuffer body_ = NewEvbuffer();
+  bool in_header_block_ = false;
+};
+
+bool CURLImpl::HeadersCanBeSent() const {
+  return std::all_of(headers.begin(), headers.end(), [](const auto& header) {
+    return CanStandInHeader(header.first) && CanStandInHeader(header.second);
+  });
+}
+
+std::string CURLImpl::BuildURL() const {
+  const std::string parameters = BuildQueryString(true);
+  if (parameters.empty()) return url;
+  return url + (url.find('?') == std::string::npos ? '?' : '&') + parameters;
+}
+
+// What all transfers share, once URL, body source and stream functions are set. `response` is null
+// when the caller streams the body.
+_CURLRTN CURLImpl::Run(const char* natural_method, CollectedResponse* response) {
+  _CURLRTN result;
+  errorbuffer.fill('\0');
+  if (request.empty()) {
+    lastrequest = natural_method;
+  } else {
+    Set(CURLOPT_CUSTOMREQUEST, request.c_str());
+  }
+  // A method word of our own goes along with a redirect, so its body must, too: a PUT without it
+  // would store an empty file.
+  Set(CURLOPT_POSTREDIR, request.empty() ? 0L : long{CURL_REDIR_POST_ALL});
+  const HeaderList header_list(BuildHeader());
+  Set(CURLOPT_HTTPHEADER, header_list.get());
+  if (response != nullptr) {
+    Set(CURLOPT_HEADERFUNCTION, &CollectedResponse::TakeHeaderLine);
+    Set(CURLOPT_HEADERDATA, response);
+    Set(CURLOPT_WRITEFUNCTION, &write_callback_ev_func);
+    Set(CURLOPT_WRITEDATA, response->body());
+  }
+  result.curlcode =
+      HeadersCanBeSent() ? curl_easy_perform(curl.get()) : CURLE_BAD_FUNCTION_ARGUMENT;
+  Set(CURLOPT_HTTPHEADER, nullptr);
+  Set(CURLOPT_HEADERFUNCTION, nullptr);
+  Set(CURLOPT_HEADERDATA, nullptr);
+  result.errmsg = errorbuffer.data();
+  failed = result.curlcode != CURLE_OK;
+  if (failed) return result;
+
+  CURL* handle = curl.get();
+  result.httpcode = static_cast<std::int32_t>(GetInfo(handle, CURLINFO_RESPONSE_CODE, 0L));
+  result.downspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_DOWNLOAD_T, curl_off_t{0}));
+  result.upspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_UPLOAD_T, curl_off_t{0}));
+  if (response != nullptr) response->MoveInto(result);
+  return result;
+}
+
+_CURLRTN CURLImpl::PerformGet(void* writeFunction, void* writeData) {
+  if (!curl) return WithoutHandle();
+  Set(CURLOPT_URL, BuildURL().c_str());
+  Set(CURLOPT_HTTPGET, 1L);
+  if (writeFunction == nullptr) {
+    CollectedResponse response;
+    return Run("GET", &response);
+  }
+  Set(CURLOPT_WRITEFUNCTION, writeFunction);
+  Set(CURLOPT_WRITEDATA, writeData);
+  return Run("GET", nullptr);
+}
+
+_CURLRTN CURLImpl::PerformPost(std::string body) {
+  BodyCursor cursor{body.data(), 0, static_cast<std::int64_t>(body.size())};
+  return PerformPost(reinterpret_cast<void*>(&read_callback_buf_func), &cursor, -1);
+}
+
+_CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long size) {
+  if (!curl) return WithoutHandle();
+  const bool reads = readFunction != nullptr;
+  const std::string form = reads ? std::string() : BuildQueryString(true);
+  Set(CURLOPT_URL, (reads ? BuildURL() : url).c_str());
+  Set(CURLOPT_POST, 1L);
+  if (reads) {
+    Set(CURLOPT_POSTFIELDS, nullptr);
+    if (size == -1 && readData != nullptr) {
+      size = static_cast<const BodyCursor*>(readData)->length;
+      Set(CURLOPT_SEEKFUNCTION, &read_callback_buf_seek_func);
+      Set(CURLOPT_SEEKDATA, readData);
+    }
+    Set(CURLOPT_READFUNCTION, readFunction);
+    if (readData != nullptr) Set(CURLOPT_READDATA, readData);
+  } else {
+    // libcurl reads as many bytes as it is told, so never more than there are.
+    const auto length = static_cast<long long>(form.size());
+    size = size < 0 ? length : std::min(size, length);
+    Set(CURLOPT_POSTFIELDS, form.c_str());
+  }
+  if (post != nullptr) {
+    CURL_IGNORE_DEPRECATION(Set(CURLOPT_HTTPPOST, post);)
+  } else {
+    Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(std::max(size, 0LL)));
+  }
+  CollectedResponse response;
+  return Run("POST", &response);
+}
+
+std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer) {
+  auto* collected = static_cast<evbuffer*>(buffer);
+  const std::size_t length = size * count;
+  if (evbuffer_get_length(collected) + length > kLargestCollectedResponse) return 0;
+  return evbuffer_add(collected, data, length) == 0 ? length : 0;
+}
+
+std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t count,
+                                   void* cursor) {
+  auto* body = static_cast<BodyCursor*>(cursor);
+  if (body->offset < 0 || body->offset >= body->length) return 0;
+  const std::size_t length =
+      std::min(size * count, static_cast<std::size_t>(body->length - body->offset));
+  std::memcpy(buffer, body->data + body->offset, length);
+  body->offset += static_cast<std::int64_t>(length);
+  return length;
+}
+
+int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin) {
+  auto* body = static_cast<BodyCursor*>(cursor);
+  if (body == nullptr) return CURL_SEEKFUNC_FAIL;
+  switch (origin) {
+    case SEEK_SET:
+      body->offset = distance;
+      break;
+    case SEEK_CUR:
+      body->offset += distance;
+      break;
+    case SEEK_END:
+      body->offset = body->length + distance;
+      break;
+    default:
+      break;
+  }
+  return CURL_SEEKFUNC_OK;
+}
+
+int ReportProgress(const ProgressBinding* to, CURLINFO speed, curl_off_t total, curl_off_t done) {
+  if (to == nullptr || to->callback == nullptr) return 0;
+  const curl_off_t bytes_per_second = GetInfo(to->curl, speed, curl_off_t{0});
+  try {
+    to->callback(total, done, to->context, static_cast<double>(bytes_per_second));
+  } catch (...) {
+  }
+  return 0;
+}
+
+int _CURL_PROGRESS(void* binding, curl_off_t, curl_off_t, curl_off_t upload_total,
+                   curl_off_t uploaded) {
+  return ReportProgress(static_cast<const ProgressBinding*>(binding), CURLINFO_SPEED_UPLOAD_T,
+                        upload_total, uploaded);
+}
+
+int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
+                            curl_off_t, curl_off_t) {
+  return ReportProgress(static_cast<const ProgressBinding*>(binding), CURLINFO_SPEED_DOWNLOAD_T,
+                        download_total, downloaded);
+}
+
+}  // namespace onedrive4b
