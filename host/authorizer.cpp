@@ -1,0 +1,114 @@
+#include "host/authorizer.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+
+#include "host/failure.h"
+#include "host/json_text.h"
+#include "host/text.h"
+
+namespace host {
+namespace {
+
+constexpr std::size_t kLongestDescription = 300;
+
+/// The first line of the authority's description: what follows are trace ids for its operator.
+std::string FirstLine(const std::string& text) {
+  return Shortened(EscapeForTerminal(text.substr(0, text.find_first_of("\r\n"))),
+                   kLongestDescription);
+}
+
+}  // namespace
+
+std::string DescribeAuthorityError(const HttpResponse& response, const Redactor& redactor) {
+  const std::optional<Json::Value> document = ParseJsonObject(response.body);
+  const std::string error = document ? TextMember(*document, "error") : std::string();
+  if (error.empty()) {
+    const std::string type = response.content_type.empty() ? "no type" : response.content_type;
+    return "the authority answered HTTP " + std::to_string(response.status) + " (" +
+           Shortened(EscapeForTerminal(type), 60) + ") instead of tokens";
+  }
+  std::string text = "the authority refuses: " + FirstLine(error);
+  const std::string description = FirstLine(TextMember(*document, "error_description"));
+  if (!description.empty()) text += ": " + description;
+  return redactor.Redact(text);
+}
+
+char* Authorizer::Authorize(IProtocol_V2* /*protocol*/, const char* credential) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  last_error_.clear();
+  try {
+    const auto document = ParseJsonObject(credential == nullptr ? "" : credential);
+    if (!document) throw HttpError("the module asked with a credential that is no JSON object");
+    // The module gives the text back to FreeResult, which frees it.
+    return strdup(Exchange(*document).c_str());
+  } catch (const std::exception& error) {
+    last_error_ = error.what();
+    context_.log.Line(LOGLEVEL_ERROR, "[AUTHORITY ] " + last_error_);
+    return nullptr;
+  }
+}
+
+void Authorizer::FreeResult(char* text) { std::free(text); }
+
+std::string Authorizer::LastError() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return last_error_;
+}
+
+std::string Authorizer::Exchange(const Json::Value& credential) {
+  const ServiceSettings& settings = context_.settings;
+  std::string resource = TextMember(ObjectMember(credential, "args"), "resource");
+  // With a preset service there is no discovery, and its resource is the only one there is.
+  if (resource.empty()) resource = settings.service_resource;
+  if (resource.empty()) resource = settings.discovery_resource;
+  const ValueStore::Hold hold = context_.profile.HoldStore();
+  // The module always starts from the text it was connected with; the profile's token is newer.
+  std::string token = context_.profile.RefreshToken();
+  if (token.empty()) token = TextMember(ObjectMember(credential, "results"), "refresh_token");
+  if (token.empty()) throw HttpError("there is no refresh token");
+  return AcceptTokens(Request(token, resource));
+}
+
+HttpResponse Authorizer::Request(const std::string& refresh_token, const std::string& resource) {
+  const ServiceSettings& settings = context_.settings;
+  context_.redactor.AddSecret(refresh_token);
+  context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] POST " + settings.token_url +
+                                       " grant_type=refresh_token resource=" + resource);
+  try {
+    HttpResponse response =
+        context_.http.PostForm(settings.token_url, {{"grant_type", "refresh_token"},
+                                                    {"client_id", settings.client_id},
+                                                    {"refresh_token", refresh_token},
+                                                    {"resource", resource}});
+    context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] HTTP " + std::to_string(response.status));
+    return response;
+  } catch (const HttpError& error) {
+    throw HttpError("the authority at " + settings.token_url +
+                    " cannot be reached: " + error.what());
+  }
+}
+
+std::string Authorizer::AcceptTokens(const HttpResponse& response) {
+  const std::optional<Json::Value> tokens = ParseJsonObject(response.body);
+  const std::string access = tokens ? TextMember(*tokens, "access_token") : std::string();
+  if (response.status != 200 || access.empty()) {
+    throw HttpError(DescribeAuthorityError(response, context_.redactor));
+  }
+  const std::string refresh = TextMember(*tokens, "refresh_token");
+  context_.redactor.AddSecret(access);
+  context_.redactor.AddSecret(refresh);
+  if (!refresh.empty()) {
+    try {
+      context_.profile.KeepRefreshToken(refresh);
+    } catch (const Failure& failure) {
+      context_.log.Warn(std::string("the renewed sign-in could not be saved: ") + failure.what());
+    }
+  }
+  Json::Value reply(Json::objectValue);
+  reply["results"] = *tokens;
+  return CompactJson(reply);
+}
+
+}  // namespace host

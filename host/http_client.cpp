@@ -1,0 +1,117 @@
+#include "host/http_client.h"
+
+#include <array>
+#include <cstddef>
+#include <memory>
+
+#include <curl/curl.h>
+
+namespace host {
+namespace {
+
+constexpr std::size_t kMostAnswerBytes = 1 << 20;
+constexpr long kConnectSeconds = 30;
+
+using EasyHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
+
+/// One option, with the exact type that libcurl reads from its variable arguments.
+template <typename Value>
+void Set(CURL* curl, CURLoption option, Value value) {
+  static_assert(std::is_same_v<Value, long> || std::is_pointer_v<Value>);
+  if (const CURLcode code = curl_easy_setopt(curl, option, value); code != CURLE_OK) {
+    throw HttpError(std::string("libcurl refuses a setting: ") + curl_easy_strerror(code));
+  }
+}
+
+std::size_t Collect(char* data, std::size_t size, std::size_t count, void* body) noexcept {
+  auto& text = *static_cast<std::string*>(body);
+  const std::size_t bytes = size * count;
+  if (text.size() + bytes > kMostAnswerBytes) return 0;
+  try {
+    text.append(data, bytes);
+  } catch (const std::bad_alloc&) {
+    return 0;
+  }
+  return bytes;
+}
+
+int CheckCancelled(void* cancelled, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+  return static_cast<const std::atomic<bool>*>(cancelled)->load() ? 1 : 0;
+}
+
+std::string Escaped(CURL* curl, const std::string& text) {
+  const std::unique_ptr<char, decltype(&curl_free)> escaped(
+      curl_easy_escape(curl, text.data(), static_cast<int>(text.size())), &curl_free);
+  if (!escaped) throw std::bad_alloc();
+  return escaped.get();
+}
+
+std::string FormText(CURL* curl, const FormFields& fields) {
+  std::string text;
+  for (const auto& [name, value] : fields) {
+    if (!text.empty()) text += '&';
+    text += Escaped(curl, name) + "=" + Escaped(curl, value);
+  }
+  return text;
+}
+
+void SetProxy(CURL* curl, const ProxySettings& proxy) {
+  if (proxy.type.empty()) return;
+  Set(curl, CURLOPT_PROXY, proxy.host.c_str());
+  Set(curl, CURLOPT_PROXYPORT, static_cast<long>(proxy.port));
+  const long type = proxy.type == "SOCKS4"   ? CURLPROXY_SOCKS4
+                    : proxy.type == "SOCKS5" ? CURLPROXY_SOCKS5
+                                             : CURLPROXY_HTTP;
+  Set(curl, CURLOPT_PROXYTYPE, type);
+  Set(curl, CURLOPT_HTTPPROXYTUNNEL, proxy.type == "HTTP with TUNNEL" ? 1L : 0L);
+  // CURLAUTH_ANY is unsigned; libcurl reads a long.
+  Set(curl, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY));
+  if (proxy.user.empty()) return;
+  Set(curl, CURLOPT_PROXYUSERNAME, proxy.user.c_str());
+  Set(curl, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
+}
+
+void Configure(CURL* curl, const HttpSettings& settings) {
+  Set(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+  Set(curl, CURLOPT_NOSIGNAL, 1L);
+  Set(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  Set(curl, CURLOPT_TIMEOUT, static_cast<long>(settings.time_limit.count()));
+  Set(curl, CURLOPT_ACCEPT_ENCODING, "");
+  if (!settings.certificate_bundle.empty()) {
+    Set(curl, CURLOPT_CAINFO, settings.certificate_bundle.c_str());
+  }
+  SetProxy(curl, settings.proxy);
+  if (settings.cancelled != nullptr) {
+    Set(curl, CURLOPT_NOPROGRESS, 0L);
+    Set(curl, CURLOPT_XFERINFOFUNCTION, &CheckCancelled);
+    Set(curl, CURLOPT_XFERINFODATA, static_cast<const void*>(settings.cancelled));
+  }
+}
+
+}  // namespace
+
+HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fields) const {
+  const EasyHandle curl(curl_easy_init(), &curl_easy_cleanup);
+  if (!curl) throw HttpError("libcurl could not be started");
+  Configure(curl.get(), settings_);
+  const std::string form = FormText(curl.get(), fields);
+  HttpResponse response;
+  std::array<char, CURL_ERROR_SIZE> reason{};
+  Set(curl.get(), CURLOPT_ERRORBUFFER, reason.data());
+  Set(curl.get(), CURLOPT_URL, url.c_str());
+  Set(curl.get(), CURLOPT_POSTFIELDS, form.c_str());
+  Set(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()));
+  Set(curl.get(), CURLOPT_WRITEFUNCTION, &Collect);
+  Set(curl.get(), CURLOPT_WRITEDATA, static_cast<void*>(&response.body));
+  if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
+    if (code == CURLE_WRITE_ERROR) throw HttpError("the answer is too long");
+    throw HttpError(reason[0] != '\0' ? reason.data() : curl_easy_strerror(code));
+  }
+  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.status);
+  const char* type = nullptr;
+  curl_easy_getinfo(curl.get(), CURLINFO_CONTENT_TYPE, &type);
+  if (type != nullptr) response.content_type = type;
+  return response;
+}
+
+}  // namespace host

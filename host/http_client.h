@@ -1,0 +1,51 @@
+// HttpClient: the host's own requests to the authority. Forms go out, small answers come back.
+//
+// Threads: Post may be called from any thread; each call has its own libcurl handle.
+// Lifetime: the settings are copied; `cancelled` must outlive the client.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/settings.h"
+
+namespace host {
+
+struct HttpSettings {
+  std::string certificate_bundle;  ///< PEM file to verify servers against; empty: libcurl's own
+  ProxySettings proxy;
+  std::chrono::seconds time_limit{60};           ///< of a whole request
+  const std::atomic<bool>* cancelled = nullptr;  ///< once true, requests end at once
+};
+
+struct HttpResponse {
+  long status = 0;
+  std::string content_type;
+  std::string body;  ///< bounded; a longer answer is an HttpError
+};
+
+/// No answer came: the text says why and holds neither address nor secret.
+class HttpError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+using FormFields = std::vector<std::pair<std::string, std::string>>;
+
+class HttpClient {
+ public:
+  explicit HttpClient(HttpSettings settings) : settings_(std::move(settings)) {}
+
+  /// POSTs `fields` as application/x-www-form-urlencoded. Follows no redirects, which would hand
+  /// the fields to another address. Throws HttpError.
+  HttpResponse PostForm(const std::string& url, const FormFields& fields) const;
+
+ private:
+  HttpSettings settings_;
+};
+
+}  // namespace host

@@ -1,0 +1,102 @@
+#include "host/remote_path.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/failure.h"
+#include "host/text.h"
+
+namespace host {
+
+std::vector<std::string> SplitRemotePath(std::string_view path) {
+  std::vector<std::string> names;
+  while (!path.empty()) {
+    const std::size_t end = std::min(path.find('/'), path.size());
+    const std::string_view name = path.substr(0, end);
+    path.remove_prefix(std::min(end + 1, path.size()));
+    if (name == "..") {
+      if (!names.empty()) names.pop_back();
+    } else if (!name.empty() && name != ".") {
+      names.emplace_back(name);
+    }
+  }
+  return names;
+}
+
+std::string JoinRemotePath(const std::string& folder, const std::string& name) {
+  return folder.ends_with('/') ? folder + name : folder + "/" + name;
+}
+
+const _FS_FILE_V2* FindEntry(const std::vector<_FS_FILE_V2>& entries, const std::string& name) {
+  const auto find = [&entries](auto matches) -> const _FS_FILE_V2* {
+    const auto found = std::find_if(entries.begin(), entries.end(), matches);
+    return found == entries.end() ? nullptr : &*found;
+  };
+  const auto* exact = find([&name](const _FS_FILE_V2& entry) { return entry.filename == name; });
+  if (exact != nullptr) return exact;
+  return find([folded = FoldCase(name)](const _FS_FILE_V2& entry) {
+    return FoldCase(entry.filename) == folded;
+  });
+}
+
+RemoteItem ResolvePath(const RemoteItem& top, const std::vector<std::string>& names,
+                       const Lister& list) {
+  RemoteItem item = top;
+  for (const std::string& name : names) {
+    if (!IsFolder(item.record)) {
+      throw Failure(ExitCode::kNotFound,
+                    Quoted(item.path) + " is a file, so it holds no " + Quoted(name));
+    }
+    const std::vector<_FS_FILE_V2> entries = list(item.record.id, item.path);
+    const _FS_FILE_V2* entry = FindEntry(entries, name);
+    if (entry == nullptr) {
+      throw Failure(ExitCode::kNotFound,
+                    "there is no " + Quoted(name) + " in " + Quoted(item.path));
+    }
+    item = {JoinRemotePath(item.path, entry->filename), item.record.id, *entry};
+  }
+  return item;
+}
+
+void SortByName(std::vector<_FS_FILE_V2>& entries) {
+  std::vector<std::pair<std::string, _FS_FILE_V2>> keyed;
+  keyed.reserve(entries.size());
+  for (_FS_FILE_V2& entry : entries) {
+    std::string folded = FoldCase(entry.filename);
+    keyed.emplace_back(std::move(folded), std::move(entry));
+  }
+  std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) {
+    return std::tie(a.first, a.second.filename) < std::tie(b.first, b.second.filename);
+  });
+  std::transform(keyed.begin(), keyed.end(), entries.begin(),
+                 [](auto& pair) { return std::move(pair.second); });
+}
+
+void CheckWritable(const RemoteItem& folder) {
+  if ((folder.record.attr & kSynthesisedBit) == 0) return;
+  throw Failure(ExitCode::kFailed, "nothing can be added to " + Quoted(folder.path),
+                "choose a folder in '/My Drive'");
+}
+
+void CheckChangeable(const RemoteItem& item) {
+  if ((item.record.attr & kSynthesisedBit) == 0 && item.record.id != kDriveId) return;
+  throw Failure(ExitCode::kFailed, Quoted(item.path) + " cannot be changed",
+                "choose an item inside it");
+}
+
+void CheckNewName(const std::string& name) {
+  // The service's rules for names in OneDrive and SharePoint.
+  constexpr std::string_view kForbidden = "\"*:<>?/\\|";
+  const bool control = std::any_of(name.begin(), name.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+  });
+  if (name.empty() || name == "." || name == ".." || control ||
+      name.find_first_of(kForbidden) != std::string::npos || name.ends_with('.') ||
+      name.ends_with(' ') || name.starts_with(' ') || ValidUtf8(name) != name) {
+    throw Failure(ExitCode::kFailed, "the service takes no item named " + Quoted(name),
+                  "names must not hold \" * : < > ? / \\ | or control characters, nor begin with "
+                  "a blank, nor end in a blank or a dot");
+  }
+}
+
+}  // namespace host

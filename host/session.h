@@ -1,0 +1,74 @@
+// Session: the module's protocol object, bound to the host's services and signed in.
+//
+// Threads: the protocol object takes calls from several threads; the session itself is made and
+// destroyed by one.
+// Lifetime: everything handed to the constructor must outlive it. No operation may be running when
+// it is destroyed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "host/authorizer.h"
+#include "host/failure.h"
+#include "host/log_writer.h"
+#include "host/module_library.h"
+#include "host/profile.h"
+#include "host/settings.h"
+
+namespace host {
+
+struct SessionContext {
+  const ModuleLibrary& module;
+  Profile& profile;
+  Authorizer& authorizer;
+  LogWriter& log;
+};
+
+struct SessionOptions {
+  const ServiceSettings& service;
+  const ProxySettings& proxy;
+  bool show_shared = true;
+  std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
+};
+
+class Session {
+ public:
+  /// Binds, sets the options and signs in. Throws a kSignIn Failure.
+  Session(const SessionContext& context, const SessionOptions& options);
+
+  IProtocol_V2& protocol() const noexcept { return *protocol_; }
+
+  /// Throws a Failure that says `action` failed, with the result's name and what the module logged
+  /// about it on this thread, unless `result` is SUCCESS.
+  void Check(AERROR result, const std::string& action) const;
+  Failure Describe(AERROR result, const std::string& action) const;
+
+ private:
+  class LoggerBinding {
+   public:
+    LoggerBinding(const ModuleLibrary& module, LogWriter& log);
+    ~LoggerBinding();
+    LoggerBinding(const LoggerBinding&) = delete;
+    LoggerBinding& operator=(const LoggerBinding&) = delete;
+
+   private:
+    const ModuleLibrary& module_;
+  };
+  struct Releaser {
+    void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
+  };
+
+  void SetOptions(const SessionOptions& options) const;
+  void Connect() const;
+
+  SessionContext context_;
+  LoggerBinding binding_;
+  std::unique_ptr<IProtocol_V2, Releaser> protocol_;
+};
+
+/// The HTTP status that a line of the module's log reports, 0 for none.
+int HttpStatusIn(const std::string& line);
+
+}  // namespace host

@@ -1,0 +1,83 @@
+// Where the service is and how to reach it, from the command line, a service file or the profile.
+//
+// Plain values and pure functions; callable from any thread.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "host/json_text.h"
+
+namespace host {
+
+/// Addresses and names of one deployment of the service. Empty members are not set.
+struct ServiceSettings {
+  std::string token_url;           ///< where refresh tokens are exchanged
+  std::string client_id;           ///< the application's registration at the authority
+  std::string discovery_url;       ///< the discovery document
+  std::string discovery_resource;  ///< what discovery tokens are for
+  std::string service_endpoint;    ///< given together with `service_resource`: no discovery
+  std::string service_resource;
+};
+
+/// A member of ServiceSettings and its name in profiles and service files.
+struct ServiceSetting {
+  const char* name;
+  std::string ServiceSettings::*member;
+  bool finds_drive = false;  ///< one of the two ways to the user's drive
+};
+
+inline constexpr std::array<ServiceSetting, 6> kServiceSettings = {{
+    {"token_url", &ServiceSettings::token_url},
+    {"client_id", &ServiceSettings::client_id},
+    {"discovery_resource", &ServiceSettings::discovery_resource},
+    {"discovery_url", &ServiceSettings::discovery_url, true},
+    {"service_endpoint", &ServiceSettings::service_endpoint, true},
+    {"service_resource", &ServiceSettings::service_resource, true},
+}};
+
+inline constexpr const char* kDefaultAuthority = "https://login.microsoftonline.com";
+inline constexpr const char* kDefaultDiscoveryResource = "https://api.office.com/discovery/";
+
+/// Fills members of `settings` that are empty from `fallback`. The members that find the drive are
+/// taken together or not at all: half of one deployment and half of another would find none.
+void FillMissing(ServiceSettings& settings, const ServiceSettings& fallback);
+
+/// Sets the token address, unless it is set, to that of an authority such as
+/// "https://login.example".
+void SetAuthority(ServiceSettings& settings, std::string authority);
+
+/// Where a device login starts: beside the token address. Empty when that has another form.
+std::string DeviceUrl(const std::string& token_url);
+
+/// Throws a kUsage Failure naming the setting that is missing, is no http(s) address, or would send
+/// tokens unencrypted to another machine.
+void CheckSettings(const ServiceSettings& settings);
+
+/// What a running service wrote about itself: its settings and a refresh token.
+struct ServiceFile {
+  ServiceSettings settings;
+  std::string refresh_token;
+};
+ServiceFile ReadServiceFile(const std::filesystem::path& file);
+
+/// A proxy in the module's terms. Empty `type`: none.
+struct ProxySettings {
+  std::string type;  ///< "SOCKS4", "SOCKS5", "HTTP with TUNNEL", "HTTP without TUNNEL"
+  std::string host;
+  std::uint16_t port = 0;
+  std::string user;
+  std::string password;
+};
+
+/// Reads [socks4|socks5|http]://[user[:password]@]host[:port]. `tunnel` counts for http only.
+/// Throws a kUsage Failure that does not repeat the text, which may hold a password.
+ProxySettings ParseProxy(const std::string& url, bool tunnel);
+
+/// The text for the module's "option_fields" option.
+std::string OptionFields(const ProxySettings& proxy, bool show_shared);
+
+}  // namespace host

@@ -1,0 +1,204 @@
+#include "host/transfer_commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "host/text.h"
+
+namespace host {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Runs the parts of a recursive transfer and counts those that failed.
+class Batch {
+ public:
+  void Try(const std::function<void()>& part) {
+    try {
+      part();
+    } catch (const Failure& failure) {
+      if (failure.code() == ExitCode::kInterrupted) throw;
+      PrintFailure(failure);
+      ++failed_;
+    }
+  }
+
+  void Check() const {
+    if (failed_ == 0) return;
+    throw Failure(ExitCode::kFailed, std::to_string(failed_) +
+                                         (failed_ == 1 ? " item was" : " items were") +
+                                         " not transferred");
+  }
+
+ private:
+  std::size_t failed_ = 0;
+};
+
+bool IsLocalFolder(const fs::path& path) {
+  std::error_code error;
+  return fs::is_directory(path, error);
+}
+
+void MakeLocalFolder(const fs::path& folder) {
+  if (::mkdir(folder.c_str(), 0777) == 0) return;
+  const int error = errno;
+  if (error != EEXIST || !IsLocalFolder(folder)) {
+    throw LocalFailure("create the folder", folder.string(), error);
+  }
+}
+
+/// Where `name` goes when the person asked for `local`.
+fs::path LocalPlace(const std::string& local, const std::string& name) {
+  fs::path place = local.empty() ? fs::path(".") : fs::path(local);
+  if (!IsLocalFolder(place)) return place;
+  if (name.empty()) return place;
+  CheckLocalName(name);
+  return place / name;
+}
+
+void DownloadFolder(const TransferContext& context, const RemoteItem& folder,
+                    const fs::path& target, Batch& batch) {
+  MakeLocalFolder(target);
+  for (const _FS_FILE_V2& entry : context.drive.List(folder.record.id, folder.path)) {
+    batch.Try([&] {
+      CheckLocalName(entry.filename);
+      const RemoteItem item{JoinRemotePath(folder.path, entry.filename), folder.record.id, entry};
+      const fs::path place = target / entry.filename;
+      if (IsFolder(entry)) {
+        DownloadFolder(context, item, place, batch);
+      } else {
+        Download(context, item, place);
+      }
+    });
+  }
+}
+
+std::vector<fs::path> LocalEntries(const fs::path& folder) {
+  std::vector<fs::path> entries;
+  try {
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+      entries.push_back(entry.path());
+    }
+  } catch (const fs::filesystem_error& error) {
+    throw LocalFailure("list", folder.string(), error.code().value());
+  }
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
+
+/// The folder `name` in `parent`, made if it is missing.
+RemoteItem EnsureFolder(const TransferContext& context, const RemoteItem& parent,
+                        const std::string& name, const std::vector<_FS_FILE_V2>& entries) {
+  const _FS_FILE_V2* entry = FindEntry(entries, name);
+  if (entry == nullptr) return context.drive.MakeFolder(parent, name);
+  RemoteItem item{JoinRemotePath(parent.path, entry->filename), parent.record.id, *entry};
+  if (!IsFolder(item.record)) {
+    throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a file, not a folder");
+  }
+  return item;
+}
+
+void UploadInto(const TransferContext& context, const fs::path& file, const RemoteItem& folder,
+                const std::string& name, const _FS_FILE_V2* existing) {
+  if (existing != nullptr && IsFolder(*existing)) {
+    throw Failure(ExitCode::kFailed,
+                  Quoted(JoinRemotePath(folder.path, name)) + " is a folder, not a file");
+  }
+  UploadFile(context, file, folder, name);
+}
+
+void UploadFolder(const TransferContext& context, const fs::path& source, const RemoteItem& folder,
+                  Batch& batch) {
+  const std::vector<_FS_FILE_V2> known = context.drive.List(folder.record.id, folder.path);
+  for (const fs::path& entry : LocalEntries(source)) {
+    batch.Try([&] {
+      const std::string name = entry.filename().string();
+      if (!IsLocalFolder(entry)) {
+        return UploadInto(context, entry, folder, name, FindEntry(known, name));
+      }
+      if (fs::is_symlink(entry)) {
+        throw Failure(ExitCode::kLocal, Quoted(entry.string()) +
+                                            " is a link to a folder, which could lead in circles");
+      }
+      UploadFolder(context, entry, EnsureFolder(context, folder, name, known), batch);
+    });
+  }
+}
+
+/// The last name of a local path, also of ".", ".." and "dir/".
+std::string LocalName(const std::string& path) {
+  std::error_code error;
+  const fs::path whole = fs::canonical(path, error);
+  if (error) throw LocalFailure("read", path, error.value());
+  fs::path last = fs::path(path).filename();
+  if (last.empty() || last == "." || last == "..") last = whole.filename();
+  if (last.empty()) throw Failure(ExitCode::kUsage, Quoted(path) + " has no name to upload it as");
+  return last.string();
+}
+
+/// Where an upload goes when the person named `target`: into that folder under the local name, or
+/// to that very path.
+RemotePlace UploadPlace(const TransferContext& context, const std::string& target,
+                        const std::string& local_name) {
+  const RemoteDrive& drive = context.drive;
+  if (target.empty()) return drive.Inside(drive.OwnDrive(), local_name);
+  RemotePlace place = drive.Locate(target);
+  if (!place.item || !IsFolder(place.item->record)) return place;
+  return drive.Inside(*place.item, local_name);
+}
+
+}  // namespace
+
+void CheckLocalName(const std::string& name) {
+  if (!name.empty() && name != "." && name != ".." &&
+      name.find_first_of(std::string_view("/\0", 2)) == std::string::npos) {
+    return;
+  }
+  throw Failure(ExitCode::kLocal, "no local file can be named " + Quoted(name));
+}
+
+void Get(const TransferContext& context) {
+  const RemoteItem item = context.drive.Find(context.options.remote);
+  const fs::path place = LocalPlace(context.options.local, item.record.filename);
+  if (!IsFolder(item.record)) {
+    if (context.options.local.ends_with('/') && !IsLocalFolder(context.options.local)) {
+      throw LocalFailure("write to the folder", context.options.local, ENOENT);
+    }
+    return Download(context, item, place);
+  }
+  if (!context.options.recursive) {
+    throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a folder",
+                  "download all it holds with -r");
+  }
+  Batch batch;
+  DownloadFolder(context, item, place, batch);
+  batch.Check();
+}
+
+void Cat(const TransferContext& context) {
+  const RemoteItem item = context.drive.Find(context.options.remote);
+  if (IsFolder(item.record)) throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a folder");
+  Print(context, item);
+}
+
+void Put(const TransferContext& context) {
+  const std::string& local = context.options.local;
+  const bool folder = IsLocalFolder(local);
+  if (folder && !context.options.recursive) {
+    throw Failure(ExitCode::kFailed, Quoted(local) + " is a folder", "upload all it holds with -r");
+  }
+  const RemotePlace place = UploadPlace(context, context.options.target, LocalName(local));
+  const _FS_FILE_V2* existing = place.item ? &place.item->record : nullptr;
+  if (!folder) return UploadInto(context, local, place.folder, place.name, existing);
+  std::vector<_FS_FILE_V2> known;
+  if (existing != nullptr) known.push_back(*existing);
+  Batch batch;
+  UploadFolder(context, local, EnsureFolder(context, place.folder, place.name, known), batch);
+  batch.Check();
+}
+
+}  // namespace host

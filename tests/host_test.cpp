@@ -1,0 +1,431 @@
+// The host program's own decisions: losing a sign-in, half-written files, wrong items, leaked
+// secrets and terminals taken over by names are what these tests hunt.
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "emulator/service.h"
+#include "host/authorizer.h"
+#include "host/device_login.h"
+#include "host/download_target.h"
+#include "host/failure.h"
+#include "host/json_text.h"
+#include "host/profile.h"
+#include "host/remote_path.h"
+#include "host/session.h"
+#include "host/text.h"
+#include "host/transfer_commands.h"
+#include "host/upload_source.h"
+
+namespace host {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A folder of its own for each test, removed afterwards.
+class HostTest : public testing::Test {
+ protected:
+  ~HostTest() override { fs::remove_all(folder_); }
+
+  fs::path Write(const std::string& name, const std::string& content) const {
+    std::ofstream(folder_ / name, std::ios::binary) << content;
+    return folder_ / name;
+  }
+  static std::string Read(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  std::set<std::string> Names() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder_)) names.insert(entry.path().filename());
+    return names;
+  }
+  static unsigned Mode(const fs::path& file) {
+    struct stat status {};
+    stat(file.c_str(), &status);
+    return status.st_mode & 07777U;
+  }
+
+  static fs::path MakeFolder() {
+    std::string name = (fs::temp_directory_path() / "host_test.XXXXXX").string();
+    return mkdtemp(name.data());
+  }
+
+  const fs::path folder_ = MakeFolder();
+  const fs::path profile_file_ = folder_ / "state" / "p.json";
+};
+
+template <typename Function>
+ExitCode CodeOf(Function function) {
+  try {
+    function();
+  } catch (const Failure& failure) {
+    return failure.code();
+  }
+  return ExitCode::kOk;
+}
+
+TEST_F(HostTest, StoreReplacesItsFileWholeAndPrivate) {
+  const mode_t before = umask(0);
+  ValueStore store(profile_file_);
+  store.Set("s", "k", "old");
+  umask(before);
+  EXPECT_EQ(Mode(profile_file_), 0600U);
+  EXPECT_EQ(Mode(profile_file_.parent_path()), 0700U);
+  std::ifstream reader(profile_file_);
+  store.Set("s", "k", "new");
+  const std::string seen{std::istreambuf_iterator<char>(reader), {}};
+  EXPECT_NE(seen.find("old"), std::string::npos) << "written in place, not replaced";
+  EXPECT_EQ(ValueStore(profile_file_).Get("s", "k"), "new");
+}
+
+TEST_F(HostTest, StoreKeepsValueThatCannotBeWrittenAndWritesItLater) {
+  ValueStore store(profile_file_);
+  store.Set("s", "a", "1");
+  const fs::path obstacle = profile_file_.string() + ".new/x";
+  fs::create_directories(obstacle);
+  EXPECT_EQ(CodeOf([&] { store.Set("s", "b", "2"); }), ExitCode::kLocal);
+  EXPECT_EQ(ValueStore(profile_file_).Get("s", "a"), "1") << "the old file must stand";
+  EXPECT_EQ(store.Get("s", "b"), "2");
+  fs::remove_all(obstacle.parent_path());
+  store.Set("s", "c", "3");
+  EXPECT_EQ(ValueStore(profile_file_).Get("s", "b"), "2");
+}
+
+TEST_F(HostTest, DamagedProfileIsReportedAndKept) {
+  fs::create_directory(folder_ / "state");
+  for (const std::string content :
+       {"{\"values\": {\"s\"", "[]", "{\"values\":{\"s\":{\"k\":1}}}"}) {
+    Write("state/p.json", content);
+    ValueStore store(profile_file_);
+    EXPECT_NE(store.warning(), "") << content;
+    EXPECT_EQ(store.Get("s", "k"), "");
+    store.Set("s", "k", "v");
+    EXPECT_EQ(ValueStore(profile_file_).Get("s", "k"), "v");
+  }
+  EXPECT_EQ(Read(folder_ / "state/p.json.damaged"), "{\"values\": {\"s\"");
+  EXPECT_EQ(Read(folder_ / "state/p.json.damaged2"), "[]");
+}
+
+TEST_F(HostTest, ChangesOfSeveralStoresOnOneFileAllSurvive) {
+  std::vector<std::thread> threads;
+  threads.reserve(4);
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this, i] {
+      ValueStore store(profile_file_);
+      for (int j = 0; j < 5; ++j) {
+        store.Set("s", std::to_string(i) + "-" + std::to_string(j), "v");
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  ValueStore store(profile_file_);
+  for (int n = 0; n < 20; ++n) {
+    EXPECT_EQ(store.Get("s", std::to_string(n / 5) + "-" + std::to_string(n % 5)), "v");
+  }
+}
+
+TEST_F(HostTest, ProfileNamesCannotLeaveTheirFolder) {
+  for (const char* good : {"default", "a.b", "A_1-x"}) EXPECT_TRUE(IsProfileName(good)) << good;
+  for (const char* bad : {"", "..", ".x", "-x", "a/b", "a b", "ä"}) {
+    EXPECT_FALSE(IsProfileName(bad)) << bad;
+  }
+  EXPECT_FALSE(IsProfileName(std::string(65, 'a')));
+}
+
+std::string StoredToken(Profile& profile) {
+  char buffer[1024] = {};
+  int length = sizeof buffer;
+  profile.GetValue("p", "refresh_token", buffer, &length);
+  return buffer;
+}
+
+TEST_F(HostTest, WithdrawnTokenIsHiddenFromTheModuleAndSurvivesACrash) {
+  ValueStore store(profile_file_);
+  store.Set("p", "refresh_token", "good");
+  Profile profile(store, "p");
+  EXPECT_EQ(StoredToken(profile), "good");
+  profile.SetValue("p", "refresh_token", "");
+  EXPECT_EQ(StoredToken(profile), "");
+  ValueStore after_crash(profile_file_);
+  Profile next(after_crash, "p");
+  EXPECT_EQ(StoredToken(next), "good");
+  profile.KeepRefreshToken(std::string(1024, 't'));
+  EXPECT_EQ(StoredToken(profile), "") << "longer than the module's buffer: nothing, not a part";
+  EXPECT_EQ(next.RefreshToken().size(), 1024U);
+  next.SignOut();
+  EXPECT_EQ(profile.RefreshToken(), "");
+}
+
+/// An authoriser in front of a service that kills each refresh token once it was used.
+class AuthorizerTest : public HostTest {
+ protected:
+  AuthorizerTest() {
+    settings_.token_url = service_.TokenUrl();
+    settings_.client_id = service_.ClientId();
+    settings_.discovery_resource = service_.DiscoveryResource();
+  }
+
+  static emulator::ServiceOptions Options() {
+    emulator::ServiceOptions options;
+    options.tls = false;
+    options.seed = false;
+    options.revoke_used_refresh_tokens = true;
+    options.device_poll_interval = std::chrono::seconds(1);
+    return options;
+  }
+
+  std::string Ask(Authorizer& authorizer, const std::string& resource) const {
+    char* text = authorizer.Authorize(
+        nullptr, ("{\"args\":{\"resource\":\"" + resource + "\"},\"results\":{}}").c_str());
+    const auto reply = ParseJsonObject(text == nullptr ? "" : text);
+    authorizer.FreeResult(text);
+    return reply ? TextMember((*reply)["results"], "refresh_token") : "";
+  }
+
+  emulator::Service service_{Options()};
+  ServiceSettings settings_;
+  HttpClient http_{HttpSettings{}};
+  Redactor redactor_;
+  LogWriter log_{LogOptions{}, redactor_};
+};
+
+TEST_F(AuthorizerTest, NewestTokenWinsOverTheOneTheModuleGivesBack) {
+  ValueStore store(profile_file_);
+  Profile profile(store, "p");
+  profile.KeepRefreshToken(service_.IssueRefreshToken());
+  Authorizer authorizer({settings_, http_, profile, log_, redactor_});
+  // A renewal of the module: two requests, then the token of the first one is handed to the store.
+  const std::string first = Ask(authorizer, "");
+  ASSERT_NE(first, "") << authorizer.LastError();
+  const std::string second = Ask(authorizer, service_.ServiceResource());
+  profile.SetValue("p", "refresh_token", first.c_str());
+  ValueStore next_run(profile_file_);
+  Profile next(next_run, "p");
+  EXPECT_EQ(next.RefreshToken(), second);
+  Authorizer next_authorizer({settings_, http_, next, log_, redactor_});
+  EXPECT_NE(Ask(next_authorizer, ""), "") << next_authorizer.LastError();
+}
+
+TEST_F(AuthorizerTest, FailuresAreClearHoldNoSecretAndCostNoSignIn) {
+  ValueStore store;
+  Profile profile(store, "p");
+  Authorizer authorizer({settings_, http_, profile, log_, redactor_});
+  using emulator::Fault;
+  const auto html = [](int status) {
+    Fault fault = Fault::Status(status);
+    fault.body = "<html>";
+    fault.content_type = "text/html";
+    return fault;
+  };
+  const std::pair<Fault, const char*> cases[] = {
+      {html(502), "HTTP 502 (text/html)"},
+      {Fault::Reset(emulator::Place::kBeforeAnswer), "cannot be reached"},
+      {Fault::Body("{\"token_type\":\"Bearer\"}"), "instead of tokens"},
+      {Fault::Body("{\"error\":\"invalid_grant\",\"error_description\":\"no\\u001b[2J good\"}"),
+       "invalid_grant: no\\u{1B}[2J good"},
+      {Fault::Redirect(307, service_.TokenUrl() + "?elsewhere"), "HTTP 307"},
+  };
+  for (const auto& [fault, expected] : cases) {
+    const std::string token = service_.IssueRefreshToken();
+    profile.KeepRefreshToken(token);
+    service_.AddFault(fault.On("POST", "/token"));
+    EXPECT_EQ(Ask(authorizer, ""), "");
+    EXPECT_NE(authorizer.LastError().find(expected), std::string::npos) << authorizer.LastError();
+    EXPECT_EQ(authorizer.LastError().find(token), std::string::npos);
+    EXPECT_EQ(profile.RefreshToken(), token);
+  }
+  EXPECT_TRUE(service_.UnfiredFaults().empty());
+}
+
+TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
+  Interrupts interrupts;
+  const DeviceLoginContext context{settings_, http_, interrupts, log_, redactor_};
+  const auto log_in = [&](auto answer) {
+    return LogInByDevice(
+        context, [&](const std::string&, const std::string& code) { EXPECT_TRUE(answer(code)); });
+  };
+  EXPECT_NE(log_in([&](const std::string& code) { return service_.ApproveDevice(code); }), "");
+  EXPECT_EQ(CodeOf([&] {
+              log_in([&](const std::string& code) { return service_.DeclineDevice(code); });
+            }),
+            ExitCode::kSignIn);
+}
+
+TEST(Redaction, HidesSecretsAndLeavesTheRest) {
+  Redactor redactor;
+  redactor.AddSecret("s3cret");
+  const std::pair<const char*, const char*> cases[] = {
+      {"pw s3cret s3cret.", "pw [hidden] [hidden]."},
+      {"GET https://u:p@h/a?tempauth=x&y=z HTTP", "GET https://[hidden]@h/a?[hidden] HTTP"},
+      {"[https://h/a?q](12) http://h/b?r", "[https://h/a?[hidden]](12) http://h/b?[hidden]"},
+      {"authorization: bearer abc.d-e", "authorization: bearer [hidden]"},
+      {"code=1&refresh_token=AB&x=1", "code=1&refresh_token=[hidden]&x=1"},
+      {"{\"access_token\":\"AB\"}", "{\"access_token\":\"[hidden]\"}"},
+      {"ls >> HTTP 404 : a@b?c", "ls >> HTTP 404 : a@b?c"},
+  };
+  for (const auto& [line, expected] : cases) EXPECT_EQ(redactor.Redact(line), expected);
+}
+
+TEST(Text, NamesCannotControlTheTerminal) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"plain ü 日本", "plain ü 日本"},
+      {"a\nb\tc\x7f", "a\\nb\\tc\\u{7F}"},
+      {"\x1b]0;x\x07", "\\u{1B}]0;x\\u{7}"},
+      {"\xC2\x9B"
+       "2J",
+       "\\u{9B}2J"},
+      {"txt.\xE2\x80\xAE"
+       "exe",
+       "txt.\\u{202E}exe"},
+      {"\xFF\xC0\x80", "\\xFF\\xC0\\x80"},
+      {"\xED\xA0\x80", "\\xED\\xA0\\x80"},
+      {"cut \xE6\x97", "cut \\xE6\\x97"},
+  };
+  for (const auto& [name, expected] : cases) EXPECT_EQ(EscapeForTerminal(name), expected);
+  EXPECT_EQ(DisplayWidth("日本e\xCC\x81"), 5U);
+  EXPECT_EQ(Padded("日本", 6, true), "  日本");
+  EXPECT_EQ(Shortened("日本語テキスト", 8), "日本...");
+  EXPECT_EQ(ValidUtf8("a\xFF"), "a\xEF\xBF\xBD");
+}
+
+TEST(Text, SizesAndStatusesAndProxies) {
+  EXPECT_EQ(HumanSize(999), "999 B");
+  EXPECT_EQ(HumanSize(1023488), "1.0 MiB");
+  EXPECT_EQ(ParseSize("2M"), 2097152);
+  for (const char* bad : {"", "0", "k", "1kb", "-1", "9999999999999G"}) {
+    EXPECT_FALSE(ParseSize(bad)) << bad;
+  }
+  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] Read >> ON HTTP(for any code) 503 : FAILED(0x1)"), 503);
+  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] X >> ON HTTP RANGE 200(206) : FAILED(0x1)"), 206);
+  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] Rename >> HTTP 409"), 409);
+  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] X >> Couldn't connect to server"), 0);
+  const ProxySettings proxy = ParseProxy("http://us%40er:p%3Aw@[::1]:8080", false);
+  EXPECT_EQ(proxy.type + proxy.host + proxy.user + proxy.password,
+            "HTTP without TUNNEL[::1]us@erp:w");
+  EXPECT_EQ(proxy.port, 8080);
+  for (const char* bad : {"", "ftp://h", "http://h/path", "socks5h://h", "http://"}) {
+    EXPECT_EQ(CodeOf([&] { ParseProxy(bad, true); }), ExitCode::kUsage) << bad;
+  }
+}
+
+_FS_FILE_V2 Record(const std::string& id, const std::string& name, std::uint32_t attr) {
+  _FS_FILE_V2 record;
+  record.id = id;
+  record.filename = name;
+  record.attr = attr;
+  return record;
+}
+
+TEST(RemotePath, FindsByExactNameThenWithoutCase) {
+  const Lister list = [](const std::string& id, const std::string&) -> std::vector<_FS_FILE_V2> {
+    if (id == "top") return {Record("1", "docs", 2), Record("2", "Docs", 2), Record("3", "F", 1)};
+    return {Record(id + "a", "ÜBER.txt", 1)};
+  };
+  const auto find = [&](const std::string& path) {
+    return ResolvePath({"/", "", Record("top", "", 2)}, SplitRemotePath(path), list);
+  };
+  const std::pair<const char*, const char*> cases[] = {
+      {"/", "top"}, {"/Docs", "2"}, {"DOCS/", "1"}, {"//docs/./über.TXT", "1a"}, {"x/../F", "3"}};
+  for (const auto& [path, id] : cases) EXPECT_EQ(find(path).record.id, id) << path;
+  EXPECT_EQ(find("docs/über.txt").path, "/docs/ÜBER.txt");
+  EXPECT_EQ(find("docs/über.txt").parent_id, "1");
+  for (const char* path : {"/nope/x", "/F/x", "/docs/nope"}) {
+    EXPECT_EQ(CodeOf([&] { find(path); }), ExitCode::kNotFound) << path;
+  }
+  for (const char* bad : {"", ".", "..", "a/b", "a:b", "a.", "a ", "a\n", "\xFF"}) {
+    EXPECT_EQ(CodeOf([&] { CheckNewName(bad); }), ExitCode::kFailed) << bad;
+  }
+  for (const char* bad : {"", ".", "..", "a/b", "/etc/x"}) {
+    EXPECT_EQ(CodeOf([&] { CheckLocalName(bad); }), ExitCode::kLocal) << bad;
+  }
+}
+
+TEST_F(HostTest, DownloadReplacesItsTargetOnlyWhenWhole) {
+  const fs::path target = Write("t", "old");
+  chmod(target.c_str(), 0640);
+  fs::create_symlink("t", folder_ / "link");
+  {
+    DownloadTarget abandoned(target, 5);
+    EXPECT_EQ(abandoned.Write(0, "new"), 0);
+  }
+  EXPECT_EQ(CodeOf([&] { DownloadTarget huge(target, INT64_MAX); }), ExitCode::kLocal);
+  EXPECT_EQ(CodeOf([&] { DownloadTarget folder(folder_, 1); }), ExitCode::kLocal);
+  EXPECT_EQ(CodeOf([&] { DownloadTarget none(folder_ / "no/t", 1); }), ExitCode::kLocal);
+  EXPECT_EQ(CodeOf([&] { DownloadTarget device("/dev/null", 1); }), ExitCode::kLocal);
+  EXPECT_EQ(Read(target), "old");
+  DownloadTarget good(folder_ / "link", 5);
+  EXPECT_EQ(good.Write(3, "er"), 0);
+  EXPECT_EQ(good.Write(0, "new"), 0);
+  good.Commit();
+  EXPECT_EQ(Read(target), "newer");
+  EXPECT_EQ(Mode(target), 0640U);
+  EXPECT_EQ(Names(), (std::set<std::string>{"link", "t"}));
+}
+
+TEST_F(HostTest, RangeIsWholeOrFails) {
+  struct Case {
+    const char* what;
+    std::vector<std::pair<std::int64_t, std::string>> pieces;
+    bool good;
+  };
+  const Case cases[] = {
+      {"in order", {{4, "ab"}, {6, "cd"}}, true},
+      {"repeated from the start", {{4, "xx"}, {4, "ab"}, {6, "cd"}}, true},
+      {"repeated and then short", {{4, "ab"}, {6, "cd"}, {4, "ab"}}, false},
+      {"short", {{4, "ab"}}, false},
+      {"a gap", {{4, "a"}, {6, "cd"}}, false},
+      {"beyond the end", {{4, "abcde"}}, false},
+      {"before the start", {{3, "_abcd"}}, false},
+  };
+  for (const Case& test : cases) {
+    DownloadTarget target(folder_ / "r", 8);
+    Progress progress("r", 8, true);
+    const auto handle = std::make_shared<_FS_HANDLE>();
+    RangeReceiver receiver(target, {4, 4}, handle, progress);
+    for (const auto& [offset, data] : test.pieces) {
+      receiver.OnFetch(offset, data.data(), static_cast<std::int64_t>(data.size()), 0);
+    }
+    EXPECT_EQ(CodeOf([&] { receiver.Check(true); }) == ExitCode::kOk, test.good) << test.what;
+    if (test.good) {
+      EXPECT_EQ(Read(target.temporary_file()).substr(4), "abcd") << test.what;
+    }
+  }
+}
+
+TEST_F(HostTest, UploadNoticesWhatChangesUnderneath) {
+  const auto upload = [&](const std::function<void(const fs::path&)>& meanwhile) {
+    const fs::path file = Write("u", "0123456789");
+    // A second write within one tick of the file system's clock would not show.
+    fs::last_write_time(file, fs::file_time_type::clock::now() - std::chrono::hours(1));
+    UploadSource source(file);
+    char buffer[8];
+    _CACHEIO_REQUEST request{buffer, 0, 8, 0, nullptr, 10, 0};
+    EXPECT_EQ(source.ReadCache(&request), 0);
+    EXPECT_EQ(request.done, 8U);
+    meanwhile(file);
+    request.offset = 8;
+    const int result = source.ReadCache(&request);
+    EXPECT_EQ(CodeOf([&] { source.Check(); }) == ExitCode::kOk, result == 0);
+    return result == 0;
+  };
+  EXPECT_TRUE(upload([](const fs::path&) {}));
+  EXPECT_FALSE(upload([](const fs::path& file) { fs::resize_file(file, 8); }));
+  EXPECT_FALSE(upload([](const fs::path& file) { fs::resize_file(file, 11); }));
+  EXPECT_FALSE(upload([&](const fs::path&) { Write("u", "9876543210"); }));
+  EXPECT_FALSE(upload([&](const fs::path& file) { fs::rename(Write("v", "0123456789"), file); }));
+  EXPECT_FALSE(upload([](const fs::path& file) { fs::remove(file); }));
+  ASSERT_EQ(mkfifo((folder_ / "pipe").c_str(), 0600), 0);
+  for (const char* name : {"pipe", "missing", "."}) {
+    EXPECT_EQ(CodeOf([&] { UploadSource source(folder_ / name); }), ExitCode::kLocal) << name;
+  }
+}
+
+}  // namespace
+}  // namespace host
