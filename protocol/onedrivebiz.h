@@ -132,7 +132,7 @@ class OneDriveBiz : public IProtocol_V2 {
   std::string TakeStoredToken(const char* credential);
   // Asks the host for the service's token.
   AuthorizedReply AuthorizeForService();
-  AERROR FinishConnect(AuthorizedReply& reply);
+  AERROR FinishConnect(AuthorizedReply& authorized);
   AERROR RenewTokens();
   void KeepRefreshToken(const JsonObject& reply, const char* operation);
 

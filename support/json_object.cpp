@@ -45,6 +45,7 @@ JsonObject::JsonObject(const JsonObject& source)
     : target(source.root.isNull() ? source.target : &root), root(source.root) {}
 
 JsonObject& JsonObject::operator=(const JsonObject& source) {
+  if (this == &source) return *this;
   if (source.root.isNull()) {
     *target = *source.target;
   } else {
@@ -55,7 +56,7 @@ JsonObject& JsonObject::operator=(const JsonObject& source) {
 }
 
 JsonObject& JsonObject::operator=(std::string text) {
-  *target = std::move(text);
+  *target = text;
   return *this;
 }
 
@@ -110,7 +111,7 @@ bool JsonObject::Insert(const char* key, const std::wstring& text) {
 }
 
 bool JsonObject::InsertArrayItem(std::string text) {
-  target->append(Json::Value(std::move(text)));
+  target->append(Json::Value(text));
   return true;
 }
 
@@ -126,7 +127,11 @@ bool JsonObject::RemoveArrayItem(unsigned long index) {
 
 bool JsonObject::Remove(const char* key) { return target->removeMember(key, nullptr); }
 
-JsonObject::operator std::string() const { return target->asString().c_str(); }
+JsonObject::operator std::string() const {
+  std::string text = target->asString();
+  text.resize(std::strlen(text.c_str()));
+  return text;
+}
 
 JsonObject::operator std::wstring() const { return s2ws(static_cast<std::string>(*this)); }
 

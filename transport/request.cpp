@@ -187,7 +187,7 @@ std::string CURLImpl::BuildQueryString(bool escape) const {
   std::string text;
   for (const auto& [key, value] : query) {
     if (!text.empty()) text += '&';
-    text += key + '=' + (escape ? Escape(value.c_str()) : value);
+    text.append(key).append("=").append(escape ? Escape(value.c_str()) : value);
   }
   return text;
 }

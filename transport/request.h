@@ -64,9 +64,9 @@ class CURLImpl {
   /// response is collected.
   virtual _CURLRTN PerformPost(void* readFunction, void* readData, long long size);
 
-  void SetURL(const char* url);
+  void SetURL(const char* text);
   /// A URL whose query authorises the request, so that it must not be logged.
-  void SetPreauthenticatedURL(const char* url);
+  void SetPreauthenticatedURL(const char* text);
   /// Method word in place of the transfer's own.
   void SetRequest(const char* method);
   std::string GetURL() const { return url; }
