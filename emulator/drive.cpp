@@ -71,7 +71,7 @@ std::string Drive::MakeFolder(std::string_view path) {
   return MakeFolders(path).item.id;
 }
 
-std::string Drive::WriteFile(std::string_view path, ContentPtr content) {
+std::string Drive::WriteFile(std::string_view path, const ContentPtr& content) {
   const auto slash = path.rfind('/');
   const std::string name(path.substr(slash == std::string_view::npos ? 0 : slash + 1));
   if (!IsValidName(name))
@@ -97,12 +97,10 @@ std::string Drive::AddFolder(std::string_view parent_id, const std::string& name
 }
 
 std::string Drive::AddFile(std::string_view parent_id, const std::string& name,
-                           ContentPtr content) {
-  return StoreFile({.parent_id = std::string(parent_id),
-                    .name = name,
-                    .on_conflict = OnConflict::kFail,
-                    .if_match = {}},
-                   content)
+                           const ContentPtr& content) {
+  return StoreFile(
+             {.parent_id = std::string(parent_id), .name = name, .on_conflict = OnConflict::kFail},
+             content)
       .item.id;
 }
 

@@ -86,11 +86,12 @@ class Drive {
   /// Makes missing folders on the way; one that is there stays. Returns its id.
   std::string MakeFolder(std::string_view path);
   /// Replaces a file that is there; makes missing folders. Returns its id.
-  std::string WriteFile(std::string_view path, ContentPtr content);
+  std::string WriteFile(std::string_view path, const ContentPtr& content);
   std::string WriteFile(std::string_view path, std::string bytes);
   /// The parent must be there and the name free (ServiceError otherwise). Returns the new id.
   std::string AddFolder(std::string_view parent_id, const std::string& name);
-  std::string AddFile(std::string_view parent_id, const std::string& name, ContentPtr content);
+  std::string AddFile(std::string_view parent_id, const std::string& name,
+                      const ContentPtr& content);
 
   std::optional<Item> FindPath(std::string_view path) const;
   std::optional<Item> FindItem(std::string_view id) const;
@@ -135,7 +136,7 @@ class Drive {
     std::string parent_id;
     std::string name;
     OnConflict on_conflict = OnConflict::kReplace;
-    std::string if_match;  // eTag or cTag of a file to be replaced, or empty
+    std::string if_match{};  // eTag or cTag of a file to be replaced, or empty
     const Identity* by = nullptr;
   };
   struct ChangeRequest {

@@ -135,21 +135,22 @@ void Serve(const Arguments& arguments, const sigset_t& signals) {
   sigwait(&signals, &signal);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  // Blocked before any thread exists, so that all of them leave these signals to sigwait.
+/// Blocked before any thread exists, so that all of them leave these signals to sigwait.
+sigset_t BlockStopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
 
+int Run(int argc, char** argv) {
+  const sigset_t signals = BlockStopSignals();
   CLI::App app("OneDrive for Business's service on your desk, for trying out and testing clients");
   Arguments arguments;
+  Declare(app, arguments);
   try {
-    Declare(app, arguments);
     app.parse(argc, argv);
     if (arguments.plain_http && !arguments.ca_file.empty()) {
       throw CLI::ValidationError("--ca-file", "there is no certificate with --http");
@@ -157,15 +158,21 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? EXIT_SUCCESS : kExitUsage;
   }
+  arguments.service.tls = !arguments.plain_http;
+  arguments.service.access_token_lifetime = std::chrono::seconds(arguments.token_lifetime);
+  arguments.service.recorded_requests = 0;
+  if (arguments.verbose) arguments.service.observer = PrintRequest;
+  Serve(arguments, signals);
+  return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
   try {
-    arguments.service.tls = !arguments.plain_http;
-    arguments.service.access_token_lifetime = std::chrono::seconds(arguments.token_lifetime);
-    arguments.service.recorded_requests = 0;
-    if (arguments.verbose) arguments.service.observer = PrintRequest;
-    Serve(arguments, signals);
+    return Run(argc, argv);
   } catch (const std::exception& error) {
-    std::cerr << "onedrive4b-emulator: " << error.what() << std::endl;
+    std::fprintf(stderr, "onedrive4b-emulator: %s\n", error.what());
     return kExitCannotServe;
   }
-  return EXIT_SUCCESS;
 }

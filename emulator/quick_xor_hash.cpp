@@ -12,7 +12,10 @@ void QuickXorHash::Add(std::span<const char> bytes) {
   length_ += bytes.size();
   while (!bytes.empty()) {
     const std::size_t count = std::min(bytes.size(), kPeriod - column);
-    for (std::size_t i = 0; i < count; ++i) columns_[column + i] ^= bytes[i];
+    for (std::size_t i = 0; i < count; ++i) {
+      std::uint8_t& place = columns_[column + i];
+      place = static_cast<std::uint8_t>(place ^ static_cast<std::uint8_t>(bytes[i]));
+    }
     bytes = bytes.subspan(count);
     column = 0;
   }
@@ -24,8 +27,7 @@ std::string QuickXorHash::Base64() const {
   std::array<unsigned char, kRingBytes> ring{};
   for (std::size_t i = 0; i < kPeriod; ++i) {
     const std::size_t bit = i * kShift % kPeriod;
-    const unsigned turned = static_cast<unsigned>(static_cast<unsigned char>(columns_[i]))
-                            << (bit % 8);
+    const unsigned turned = unsigned{columns_[i]} << (bit % 8);
     ring[bit / 8] ^= static_cast<unsigned char>(turned & 0xFFU);
     ring[(bit / 8 + 1) % kRingBytes] ^= static_cast<unsigned char>(turned >> 8U);
   }

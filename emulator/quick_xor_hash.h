@@ -21,7 +21,7 @@ class QuickXorHash {
   // Bytes 160 apart meet at the same bit of the ring (160 * 11 is a multiple of 160), so that they
   // can be gathered byte-wise and turned once at the end.
   static constexpr std::size_t kPeriod = 160;
-  std::array<char, kPeriod> columns_{};
+  std::array<std::uint8_t, kPeriod> columns_{};
   std::uint64_t length_ = 0;
 };
 

@@ -18,7 +18,8 @@ std::string StatusLine(int status) {
 
 std::string HeaderLines(const HeaderList& headers) {
   std::string lines;
-  for (const auto& [name, value] : headers) lines += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : headers)
+    lines.append(name).append(": ").append(value).append("\r\n");
   return lines;
 }
 
@@ -116,7 +117,7 @@ class Sender {
       SendBlock(std::string_view(response_.text).substr(from, to - from));
       return;
     }
-    constexpr std::uint64_t kBlock = 256U * 1024U;
+    constexpr std::uint64_t kBlock = std::uint64_t{256} * 1024;
     std::vector<char> buffer(static_cast<std::size_t>(std::min(kBlock, to - from)));
     while (from < to) {
       const auto block = std::span<char>(buffer).first(

@@ -19,7 +19,6 @@ namespace emulator {
 namespace {
 
 constexpr const char* kClientId = "5f3c7b52-9d0e-4c1b-8a43-2f6d1c7e90ab";
-constexpr const char* kSitePath = "/personal/demo_contoso_example";
 constexpr const char* kEndpointPath = "/personal/demo_contoso_example/_api/v2.0";
 constexpr const char* kDownloadPath = "/personal/demo_contoso_example/_layouts/15/download.aspx";
 

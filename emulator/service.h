@@ -24,10 +24,10 @@ namespace emulator {
 
 struct ServiceOptions {
   bool tls = true;
-  std::string host_name = "localhost";   // in the addresses; the sockets are always loopback's
-  std::uint16_t port = 0;                // of the service; 0: kernel-chosen
-  bool seed = true;                      // the demo drive; false: an empty drive
-  std::filesystem::path data_directory;  // empty: in memory only
+  std::string host_name = "localhost";     // in the addresses; the sockets are always loopback's
+  std::uint16_t port = 0;                  // of the service; 0: kernel-chosen
+  bool seed = true;                        // the demo drive; false: an empty drive
+  std::filesystem::path data_directory{};  // empty: in memory only
   std::chrono::seconds access_token_lifetime{3600};
   std::size_t page_size = 200;              // most entries on one page
   bool revoke_used_refresh_tokens = false;  // the real platform lets used ones work on
@@ -38,7 +38,7 @@ struct ServiceOptions {
   std::uint64_t simple_upload_limit = 250'000'000;  // bytes of one PUT to /content
   std::size_t recorded_requests = 100000;           // the oldest are forgotten
   /// Called for every request once its answer is known; from the connection's thread.
-  std::function<void(const RecordedRequest&)> observer;
+  std::function<void(const RecordedRequest&)> observer{};
 };
 
 class Service {

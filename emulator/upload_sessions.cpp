@@ -36,6 +36,16 @@ std::optional<std::uint64_t> TakeNumber(std::string_view& text, char end) {
 
 }  // namespace
 
+UploadSessions::Session::Session(Drive& the_drive, Drive::FileRequest the_file, Identity the_user,
+                                 Seconds the_end)
+    : drive(the_drive),
+      file(std::move(the_file)),
+      user(std::move(the_user)),
+      expires(the_end),
+      writer(drive.Store().NewWriter()) {
+  file.by = &user;
+}
+
 Response UploadSessions::Create(Drive& drive, Drive::FileRequest request, const Identity& user) {
   drive.CheckStore(request, 0);
   const std::string id = RandomGuid();
@@ -48,8 +58,6 @@ Response UploadSessions::Create(Drive& drive, Drive::FileRequest request, const 
 
   const auto session =
       std::make_shared<Session>(drive, std::move(request), user, Now() + options_.lifetime);
-  session->file.by = &session->user;
-  session->writer = drive.Store().NewWriter();
   {
     const std::lock_guard lock(mutex_);
     std::erase_if(sessions_, [](const auto& entry) { return entry.second->expires <= Now(); });

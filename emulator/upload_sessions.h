@@ -41,6 +41,8 @@ class UploadSessions {
 
  private:
   struct Session {
+    Session(Drive& the_drive, Drive::FileRequest the_file, Identity the_user, Seconds the_end);
+
     Drive& drive;
     Drive::FileRequest file;
     Identity user;

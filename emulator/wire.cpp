@@ -12,7 +12,6 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
-#include <boost/asio/write.hpp>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -88,9 +87,12 @@ class SocketWire : public Wire {
   }
 
   void Write(std::string_view bytes) override {
-    boost::system::error_code error;
-    asio::write(stream_, asio::buffer(bytes.data(), bytes.size()), error);
-    if (error) ThrowLost(error);
+    // asio::write would pass on no more than 64 KiB at a time.
+    while (!bytes.empty()) {
+      boost::system::error_code error;
+      bytes.remove_prefix(stream_.write_some(asio::buffer(bytes.data(), bytes.size()), error));
+      if (error) ThrowLost(error);
+    }
   }
 
   void Close() override {
