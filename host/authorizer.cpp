@@ -38,12 +38,14 @@ std::string DescribeAuthorityError(const HttpResponse& response, const Redactor&
 char* Authorizer::Authorize(IProtocol_V2* /*protocol*/, const char* credential) {
   const std::lock_guard<std::mutex> lock(mutex_);
   last_error_.clear();
+  proxy_error_ = SUCCESS;
   try {
     const auto document = ParseJsonObject(credential == nullptr ? "" : credential);
     if (!document) throw HttpError("the module asked with a credential that is no JSON object");
     // The module gives the text back to FreeResult, which frees it.
     return strdup(Exchange(*document).c_str());
   } catch (const std::exception& error) {
+    if (const auto* proxy = dynamic_cast<const ProxyError*>(&error)) proxy_error_ = proxy->code();
     last_error_ = error.what();
     context_.log.Line(LOGLEVEL_ERROR, "[AUTHORITY ] " + last_error_);
     return nullptr;
@@ -55,6 +57,11 @@ void Authorizer::FreeResult(char* text) { std::free(text); }
 std::string Authorizer::LastError() const {
   const std::lock_guard<std::mutex> lock(mutex_);
   return last_error_;
+}
+
+AERROR Authorizer::LastProxyError() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return proxy_error_;
 }
 
 std::string Authorizer::Exchange(const Json::Value& credential) {
@@ -84,6 +91,8 @@ HttpResponse Authorizer::Request(const std::string& refresh_token, const std::st
                                                     {"resource", resource}});
     context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] HTTP " + std::to_string(response.status));
     return response;
+  } catch (const ProxyError&) {
+    throw;
   } catch (const HttpError& error) {
     throw HttpError("the authority at " + settings.token_url +
                     " cannot be reached: " + error.what());

@@ -39,6 +39,8 @@ class Authorizer final : public IProtocolAuth {
 
   /// Why the newest Authorize failed; empty when it did not.
   std::string LastError() const;
+  /// What of the proxy's doing made the last one fail; SUCCESS when nothing of it did.
+  AERROR LastProxyError() const;
 
  private:
   std::string Exchange(const Json::Value& credential);
@@ -48,6 +50,7 @@ class Authorizer final : public IProtocolAuth {
   AuthorizerContext context_;
   mutable std::mutex mutex_;
   std::string last_error_;
+  AERROR proxy_error_ = SUCCESS;
 };
 
 }  // namespace host

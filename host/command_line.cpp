@@ -22,6 +22,7 @@ Exit codes:
   4    not signed in, or the sign-in failed
   5    a remote path does not exist
   6    a local file or the output could not be read or written
+  7    the proxy cannot be reached, or refuses
   130  ended by Ctrl-C or SIGTERM
 
 Try it without an account:
@@ -144,6 +145,10 @@ void AddTransferCommands(CLI::App& app, Options& options, RawOptions& raw) {
   AddRateOption(get, raw);
   CLI::App* cat = AddCommand(app, options, Command::kCat, "cat", "Write a file to standard output");
   cat->add_option("path", options.remote, "Remote path")->required();
+  cat->add_option("--offset", options.offset, "First byte to write (default: 0)")
+      ->check(CLI::NonNegativeNumber);
+  cat->add_option("--length", options.length, "Most bytes to write (default: all that follow)")
+      ->check(CLI::NonNegativeNumber);
   AddRateOption(cat, raw);
   CLI::App* put = AddCommand(app, options, Command::kPut, "put", "Upload a file or a folder");
   put->add_option("local", options.local, "Local path")->required();

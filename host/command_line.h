@@ -43,7 +43,9 @@ struct Options {
   bool quiet = false;
   unsigned depth = 0;  ///< tree: levels to show, 0 for all
   unsigned parallel = 1;
-  std::int64_t rate_limit = 0;  ///< bytes per second, 0 for none
+  std::int64_t rate_limit = 0;         ///< bytes per second, 0 for none
+  std::int64_t offset = 0;             ///< cat: first byte to show
+  std::optional<std::int64_t> length;  ///< cat: most bytes to show
 
   std::optional<std::string> profile;
   ServiceSettings service;

@@ -112,7 +112,8 @@ void CheckUnchanged(const TransferContext& context, const RemoteItem& item) {
 /// Passes a file on in order; what a repeated request brings again is left out.
 class Printer final : public IFetchCallback {
  public:
-  Printer(int fd, std::shared_ptr<_FS_HANDLE> handle) : fd_(fd), handle_(std::move(handle)) {}
+  Printer(int fd, std::shared_ptr<_FS_HANDLE> handle, std::int64_t offset)
+      : fd_(fd), handle_(std::move(handle)), next_(offset) {}
 
   AERROR OnFetch(std::int64_t offset, const char* data, std::int64_t length,
                  int /*reserved*/) override {
@@ -127,10 +128,10 @@ class Printer final : public IFetchCallback {
     return SUCCESS;
   }
 
-  void Check(bool finished, std::int64_t size) const {
+  void Check(bool finished, std::int64_t end) const {
     if (error_ != 0) throw LocalFailure("write to", "standard output", error_);
-    if (finished && next_ != size) {
-      throw Failure(ExitCode::kFailed, "the download ended early: " + std::to_string(size - next_) +
+    if (finished && next_ != end) {
+      throw Failure(ExitCode::kFailed, "the download ended early: " + std::to_string(end - next_) +
                                            " bytes are missing");
     }
   }
@@ -138,7 +139,7 @@ class Printer final : public IFetchCallback {
  private:
   const int fd_;
   const std::shared_ptr<_FS_HANDLE> handle_;
-  std::int64_t next_ = 0;
+  std::int64_t next_;
   int error_ = 0;
 };
 
@@ -164,11 +165,14 @@ void Print(const TransferContext& context, const RemoteItem& item) {
   context.out.Flush();
   const auto handle = std::make_shared<_FS_HANDLE>();
   const Interrupts::Scope scope(context.interrupts, {handle});
-  Printer printer(context.out.fd(), handle);
-  const AERROR result = context.drive.protocol().Read(item.record.id.c_str(), 0, item.record.size,
+  const std::int64_t offset = std::min(context.options.offset, item.record.size);
+  const std::int64_t left = item.record.size - offset;
+  const std::int64_t length = std::min(context.options.length.value_or(left), left);
+  Printer printer(context.out.fd(), handle, offset);
+  const AERROR result = context.drive.protocol().Read(item.record.id.c_str(), offset, length,
                                                       handle, &printer, nullptr);
   context.interrupts.Check();
-  printer.Check(result == SUCCESS, item.record.size);
+  printer.Check(result == SUCCESS, offset + length);
   context.drive.session().Check(result, "reading " + Quoted(item.path));
 }
 

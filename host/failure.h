@@ -18,6 +18,7 @@ enum class ExitCode : int {
   kSignIn = 4,         ///< not signed in, or the sign-in failed
   kNotFound = 5,       ///< a remote path does not exist
   kLocal = 6,          ///< a local file, folder or the output could not be read or written
+  kProxy = 7,          ///< the proxy cannot be reached, or refuses
   kInterrupted = 130,  ///< ended by Ctrl-C or SIGTERM
 };
 

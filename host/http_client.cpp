@@ -88,6 +88,27 @@ void Configure(CURL* curl, const HttpSettings& settings) {
   }
 }
 
+bool IsAuthentication(long status) { return status == 401 || status == 407; }
+
+/// Throws when a failed request never got past the proxy.
+void CheckProxy(CURL* curl, CURLcode code, const std::string& reason) {
+  long tunnel = 0;  // what the proxy answered to CONNECT
+  long refusal = CURLPX_OK;
+  curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &tunnel);
+  curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &refusal);
+  const auto fail = [&](AERROR error, const char* what) {
+    throw ProxyError(error, std::string("the proxy ") + what + ": " + reason);
+  };
+  if (IsAuthentication(tunnel) || refusal == CURLPX_USER_REJECTED || refusal == CURLPX_NO_AUTH) {
+    fail(SOCK_PROXY_AUTH_REQUIRED, "refuses the user name or password");
+  }
+  if (code == CURLE_COULDNT_RESOLVE_PROXY) fail(SOCK_PROXY_NOT_FOUND, "is not known");
+  if (code == CURLE_COULDNT_CONNECT) fail(SOCK_PROXY_CONNECTION_REFUSED, "cannot be reached");
+  if (code == CURLE_PROXY || (tunnel != 0 && tunnel / 100 != 2)) {
+    fail(SOCK_PROXY_PROTOCOL_ERROR, "does not pass the request on");
+  }
+}
+
 }  // namespace
 
 HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fields) const {
@@ -105,9 +126,16 @@ HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fiel
   Set(curl.get(), CURLOPT_WRITEDATA, static_cast<void*>(&response.body));
   if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
     if (code == CURLE_WRITE_ERROR) throw HttpError("the answer is too long");
-    throw HttpError(reason[0] != '\0' ? reason.data() : curl_easy_strerror(code));
+    const std::string text = reason[0] != '\0' ? reason.data() : curl_easy_strerror(code);
+    if (!settings_.proxy.type.empty()) CheckProxy(curl.get(), code, text);
+    throw HttpError(text);
   }
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.status);
+  constexpr long kProxyAuthenticationRequired = 407;
+  if (response.status == kProxyAuthenticationRequired) {
+    throw ProxyError(SOCK_PROXY_AUTH_REQUIRED,
+                     "the proxy refuses the user name or password: HTTP 407");
+  }
   const char* type = nullptr;
   curl_easy_getinfo(curl.get(), CURLINFO_CONTENT_TYPE, &type);
   if (type != nullptr) response.content_type = type;

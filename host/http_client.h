@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/settings.h"
+#include "module/aerror.h"
 
 namespace host {
 
@@ -34,6 +35,17 @@ class HttpError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The proxy, not the server behind it, is what failed.
+class ProxyError : public HttpError {
+ public:
+  ProxyError(AERROR code, const std::string& text) : HttpError(text), code_(code) {}
+
+  AERROR code() const noexcept { return code_; }  ///< one of SOCK_PROXY_...
+
+ private:
+  AERROR code_;
+};
+
 using FormFields = std::vector<std::pair<std::string, std::string>>;
 
 class HttpClient {
@@ -41,7 +53,7 @@ class HttpClient {
   explicit HttpClient(HttpSettings settings) : settings_(std::move(settings)) {}
 
   /// POSTs `fields` as application/x-www-form-urlencoded. Follows no redirects, which would hand
-  /// the fields to another address. Throws HttpError.
+  /// the fields to another address. Throws HttpError, or ProxyError when it is the proxy's doing.
   HttpResponse PostForm(const std::string& url, const FormFields& fields) const;
 
  private:

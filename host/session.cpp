@@ -109,8 +109,16 @@ void Session::Connect() const {
     const bool helps = failure.code() != ExitCode::kNotFound;
     throw Failure(ExitCode::kSignIn, failure.what(), helps ? failure.advice() : "");
   }
+  const auto named = [&](AERROR error) {
+    return std::string(context_.module.error_name(error)) + " (" +
+           std::to_string(static_cast<int>(error)) + "): ";
+  };
+  if (const AERROR proxy = context_.authorizer.LastProxyError(); proxy != SUCCESS) {
+    throw Failure(ExitCode::kProxy, named(proxy) + reason,
+                  "check address, kind, user name and password in --proxy");
+  }
   const bool refused = reason.find("refuses") != std::string::npos;
-  throw Failure(ExitCode::kSignIn, "signing in failed: " + reason,
+  throw Failure(ExitCode::kSignIn, "signing in failed: " + named(result) + reason,
                 refused ? "run 'onedrive4b login' again" : "");
 }
 

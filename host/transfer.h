@@ -27,7 +27,8 @@ struct TransferContext {
 void Download(const TransferContext& context, const RemoteItem& item,
               const std::filesystem::path& target);
 
-/// Writes a file's content to the output. Throws Failure.
+/// Writes a file's content, or the part of it that the options ask for, to the output. Throws
+/// Failure.
 void Print(const TransferContext& context, const RemoteItem& item);
 
 /// Uploads `file` as `name` into `folder`; a file of this name gets a new version. Throws Failure.

@@ -79,7 +79,8 @@ class ProgramsTest : public ::testing::Test {
     EXPECT_EQ(outcome.code, 0) << outcome.text;
     Json::Value document;
     std::istringstream text(outcome.text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &document, nullptr)) << outcome.text;
+    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), text, &document, nullptr))
+        << outcome.text;
     return document;
   }
 
@@ -111,6 +112,9 @@ TEST_F(ProgramsTest, CarryFilesBothWays) {
   EXPECT_EQ(Host("put '" + file + "' '/My Drive/T/a b#%.bin'").code, 0);
   EXPECT_EQ(Host("get --parallel 3 '/My Drive/T/a b#%.bin' '" + back + "'").code, 0);
   EXPECT_EQ(Shell("cmp '" + file + "' '" + back + "'").code, 0);
+  const std::string part = "cat --offset 1000 --length 70000 '/My Drive/T/a b#%.bin'";
+  EXPECT_EQ(Host(part).text, Shell("tail -c +1001 '" + file + "' | head -c 70000").text);
+  EXPECT_EQ(Host("cat --offset 2999999 '/My Drive/T/a b#%.bin'").text.size(), 1U);
   EXPECT_EQ(Host("mv '/My Drive/T/a b#%.bin' '/My Drive/T/c.bin'").code, 0);
   EXPECT_EQ(HostJson("stat '/My Drive/T/c.bin'")["size"].asInt64(), 3000000);
   EXPECT_EQ(Host("rm -r '/My Drive/T'").code, 0);
@@ -127,7 +131,7 @@ TEST_F(ProgramsTest, SayWhatFailedAndExitAccordingly) {
            Case{"no-such-command", 2, "--help"},
            {"ls '/My Drive/nowhere'", 5, "nowhere"},
            {"--module /nonexistent.so whoami", 3, "/nonexistent.so"},
-           {"--proxy http://127.0.0.1:1 whoami", 4, ""},
+           {"--proxy http://127.0.0.1:1 whoami", 7, "SOCK_PROXY_CONNECTION_REFUSED"},
            {"get '/My Drive/Welcome.txt' /nonexistent/x", 6, "/nonexistent"},
        }) {
     SCOPED_TRACE(c.arguments);
