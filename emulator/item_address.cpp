@@ -48,6 +48,11 @@ void MoveChildNameToPath(ItemAddress& address) {
       slash == std::string_view::npos ? "" : std::string(operation.substr(slash + 1));
 }
 
+bool BeginsWithRoot(std::string_view rest) {
+  if (!TakePrefix(rest, "/root")) return false;
+  return rest.empty() || rest.front() == '/' || rest.front() == ':';
+}
+
 }  // namespace
 
 std::optional<ItemAddress> ParseItemAddress(std::string_view path) {
@@ -63,7 +68,7 @@ std::optional<ItemAddress> ParseItemAddress(std::string_view path) {
   } else if (!TakePrefix(rest, "/drive") || (!rest.empty() && rest.front() != '/')) {
     return std::nullopt;
   }
-  if (rest == "/root" || rest.starts_with("/root/") || rest.starts_with("/root:")) {
+  if (BeginsWithRoot(rest)) {
     address.item_id = TakeSegment(rest);
   } else if (TakePrefix(rest, "/items")) {
     address.item_id = TakeSegment(rest);
