@@ -156,7 +156,7 @@ void CURLImpl::SetProxy(int type, std::string host, int port, std::string user,
     Set(CURLOPT_PROXYUSERPWD, nullptr);
     return;
   }
-  if (!password.empty()) user += ":" + password;
+  if (!password.empty()) user.append(":").append(password);
   Set(CURLOPT_PROXYUSERPWD, user.c_str());
 }
 

@@ -9,42 +9,11 @@
 #include <gtest/gtest.h>
 
 #include "emulator/service.h"
-#include "support/json_object.h"
+#include "tests/emulator_tokens.h"
 #include "tests/log_recorder.h"
 #include "tests/test_host.h"
-#include "transport/request.h"
 
 namespace {
-
-using onedrive4b::CURLImpl;
-using onedrive4b::JsonObject;
-
-// Obtains tokens as the reference host does.
-class Authority {
- public:
-  explicit Authority(emulator::Service& service)
-      : service_(service), refresh_token_(service.IssueRefreshToken()) {}
-
-  std::optional<std::string> Authorize(const std::string& text) {
-    JsonObject credential(text.c_str());
-    const std::string resource = credential.HasObject("args/resource")
-                                     ? onedrive4b::TextAt(credential, "args/resource")
-                                     : service_.DiscoveryResource();
-    CURLImpl request;
-    request.SetURL(service_.TokenUrl().c_str());
-    request.AddQuery("grant_type", "refresh_token");
-    request.AddQuery("client_id", service_.ClientId());
-    request.AddQuery("refresh_token", refresh_token_);
-    request.AddQuery("resource", resource);
-    const auto answer = request.PerformPost(nullptr, nullptr, -1);
-    if (answer.httpcode != 200) return std::nullopt;
-    return "{\"results\":" + std::string(answer.body.get(), answer.bodylen) + "}";
-  }
-
- private:
-  emulator::Service& service_;
-  const std::string refresh_token_;
-};
 
 emulator::ServiceOptions PlainHttp() {
   emulator::ServiceOptions options;
@@ -56,7 +25,7 @@ class ConcurrencyTest : public ::testing::Test {
  protected:
   ConcurrencyTest() {
     host.authorize = [this](const std::string& credential) {
-      return authority.Authorize(credential);
+      return TokenReply(service, credential);
     };
     second_host.authorize = host.authorize;
   }
@@ -68,7 +37,6 @@ class ConcurrencyTest : public ::testing::Test {
   }
 
   emulator::Service service{PlainHttp()};
-  Authority authority{service};
   LogRecorder log;
   TestHost host;
   TestHost second_host;

@@ -6,6 +6,7 @@
 
 #include "emulator/service.h"
 #include "protocol/onedrivebiz.h"
+#include "tests/emulator_tokens.h"
 #include "tests/protocol/signed_in_test.h"
 
 namespace {
@@ -212,16 +213,7 @@ TEST(NamespaceChanges, KeepToTheRulesOfTheService) {
   options.tls = options.seed = false;
   emulator::Service service(options);
   TestHost host;
-  host.authorize = [&service](const std::string&) {
-    onedrive4b::CURLImpl request;
-    request.SetURL(service.TokenUrl().c_str());
-    request.AddQuery("grant_type", "refresh_token");
-    request.AddQuery("client_id", service.ClientId());
-    request.AddQuery("refresh_token", service.IssueRefreshToken());
-    request.AddQuery("resource", service.ServiceResource());
-    const auto reply = request.PerformPost(nullptr, nullptr, -1);
-    return "{\"results\":" + std::string(reply.body.get(), reply.bodylen) + "}";
-  };
+  host.authorize = [&](const std::string& credential) { return TokenReply(service, credential); };
   const ProtocolPtr p = MakeProtocol(&host);
   p->SetOpt("service_endpoint", service.ServiceEndpoint().c_str());
   p->SetOpt("service_resource", service.ServiceResource().c_str());

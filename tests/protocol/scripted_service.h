@@ -58,7 +58,7 @@ class ScriptedService {
     const std::lock_guard guard(mutex_);
     std::deque<emulator::Response>& queue = answers_[request.target];
     if (queue.empty()) return emulator::JsonResponse(404, R"({"error":{"code":"itemNotFound"}})");
-    const emulator::Response response = queue.front();
+    emulator::Response response = queue.front();
     if (queue.size() > 1) queue.pop_front();
     return response;
   }

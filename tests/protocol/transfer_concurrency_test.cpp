@@ -10,6 +10,7 @@
 
 #include "emulator/service.h"
 #include "support/steady_time.h"
+#include "tests/emulator_tokens.h"
 #include "tests/log_recorder.h"
 #include "tests/test_host.h"
 #include "transport/request.h"
@@ -77,16 +78,7 @@ TEST(TransferConcurrency, EveryThreadGetsItsOwnBytesWhileTokensExpire) {
   const LogRecorder log;
   ShiftedTime time;
   TestHost host;
-  host.authorize = [&service, token = service.IssueRefreshToken()](const std::string&) {
-    onedrive4b::CURLImpl request;
-    request.SetURL(service.TokenUrl().c_str());
-    request.AddQuery("grant_type", "refresh_token");
-    request.AddQuery("client_id", service.ClientId());
-    request.AddQuery("refresh_token", token);
-    request.AddQuery("resource", service.ServiceResource());
-    const auto reply = request.PerformPost(nullptr, nullptr, -1);
-    return "{\"results\":" + std::string(reply.body.get(), reply.bodylen) + "}";
-  };
+  host.authorize = [&](const std::string& credential) { return TokenReply(service, credential); };
   const ProtocolPtr protocol = MakeProtocol(&host);
   protocol->SetOpt("service_endpoint", service.ServiceEndpoint().c_str());
   protocol->SetOpt("service_resource", service.ServiceResource().c_str());

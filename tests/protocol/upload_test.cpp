@@ -1,6 +1,7 @@
 // Hunts files that arrive with bytes missing, doubled or swapped, records that claim what was not
 // stored, and upload URLs in a log. What is uploaded is read back; every byte is compared.
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "emulator/service.h"
+#include "tests/emulator_tokens.h"
 #include "tests/protocol/signed_in_test.h"
 #include "transport/onedrivebiz_curl.h"
 
@@ -17,6 +19,7 @@ namespace {
 using emulator::Fault;
 using emulator::Place;
 using emulator::Response;
+using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 
 constexpr std::int64_t kChunk = 10485760;
@@ -173,13 +176,19 @@ TEST_F(UploadTest, AHostThatFailsOrStopsEndsItsUploadOnly) {
     for (const std::int64_t size : {std::int64_t{200000}, kSession}) {
       service.AnswerOnly(kContent, Item(size));
       OfferSession({{202, R"({"nextExpectedRanges":[]})"}});
-      // Fails after the first piece has been given.
+      std::int64_t given = 0;
       file.on_piece = [&](_CACHEIO_REQUEST& piece) {
-        return piece.offset == 0 ? 0 : hosts[i](piece);
+        const int result = piece.offset == 0 ? 0 : hosts[i](piece);
+        if (result == 0 && piece.done == piece.length)
+          given += static_cast<std::int64_t>(piece.done);
+        return result;
       };
+      const auto before = Clock::now();
       EXPECT_EQ(Upload(size), FAILED);
+      EXPECT_LT(Clock::now() - before, std::chrono::seconds(10)) << "does not wait for more";
+      EXPECT_EQ(handle->position, given);
+      EXPECT_GT(given, 0);
       ExpectUntouched();
-      EXPECT_GT(handle->position, 0);
       handle->state = 3;
       file.on_piece = [](_CACHEIO_REQUEST&) { return 0; };
       EXPECT_EQ(Upload(1), FAILED) << "stopped before it began";
@@ -194,10 +203,9 @@ TEST_F(UploadTest, AHostThatFailsOrStopsEndsItsUploadOnly) {
 TEST_F(UploadTest, WithoutASessionNoChunkIsSent) {
   const std::string url = service.Url("/up?");
   for (const std::string& body :
-       {std::string(), std::string("<html>"), std::string("{}"), std::string("[1]"),
-        R"({"uploadUrl":")" + url + "\"}", std::string(R"({"expirationDateTime":"t"})"),
-        R"({"uploadUrl":{},"expirationDateTime":"t"})" + std::string(),
-        R"({"uploadUrl":")" + url + R"(","expirationDateTime":[]})"}) {
+       Strings{"", "<html>", "{}", "[1]", R"({"expirationDateTime":"t"})",
+               R"({"uploadUrl":{},"expirationDateTime":"t"})", R"({"uploadUrl":")" + url + "\"}",
+               R"({"uploadUrl":")" + url + R"(","expirationDateTime":[]})"}) {
     SCOPED_TRACE(body);
     service.AnswerOnly(kCreate, body);
     EXPECT_EQ(Upload(kSession), FILE_WRITE_FAILED);
@@ -262,15 +270,8 @@ TEST_F(UploadTest, AnswersToChunksDecideWhatIsSentNext) {
 class TransferTest : public ::testing::Test {
  protected:
   TransferTest() {
-    host.authorize = [this](const std::string&) {
-      onedrive4b::CURLImpl request;
-      request.SetURL(service->TokenUrl().c_str());
-      request.AddQuery("grant_type", "refresh_token");
-      request.AddQuery("client_id", service->ClientId());
-      request.AddQuery("refresh_token", service->IssueRefreshToken());
-      request.AddQuery("resource", service->ServiceResource());
-      const auto reply = request.PerformPost(nullptr, nullptr, -1);
-      return "{\"results\":" + std::string(reply.body.get(), reply.bodylen) + "}";
+    host.authorize = [this](const std::string& credential) {
+      return TokenReply(*service, credential);
     };
     protocol->SetOpt("service_endpoint", service->ServiceEndpoint().c_str());
     protocol->SetOpt("service_resource", service->ServiceResource().c_str());

@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include "emulator/service.h"
+#include "tests/emulator_tokens.h"
 #include "tests/log_recorder.h"
 #include "tests/test_host.h"
 #include "tests/web_server.h"
@@ -64,9 +65,9 @@ class ProxyProgram {
   };
 
   explicit ProxyProgram(const Setup& setup) {
-    char name[] = "/tmp/proxy_test.XXXXXX";
-    folder_ = mkdtemp(name);
-    // None of them can be told to let the kernel choose, so another may take the port first.
+    std::string name = std::filesystem::temp_directory_path() / "proxy_test.XXXXXX";
+    folder_ = mkdtemp(name.data());
+    // Not all of them can let the kernel choose the port, so somebody else may take it first.
     for (int attempt = 0; attempt < 5 && !Start(setup); ++attempt) Stop();
   }
   ProxyProgram(const ProxyProgram&) = delete;
@@ -159,17 +160,9 @@ const ProxyProgram::Setup kSocks4 = {
 class ProxyTest : public ::testing::TestWithParam<bool> {
  protected:
   ProxyTest() {
+    // The host has a way of its own to the token endpoint.
     host.authorize = [this](const std::string& credential) {
-      const bool discovery = credential.find("resource") == std::string::npos;
-      onedrive4b::CURLImpl request;  // the host's own way to the token endpoint
-      request.SetURL(service.TokenUrl().c_str());
-      request.AddQuery("grant_type", "refresh_token");
-      request.AddQuery("client_id", service.ClientId());
-      request.AddQuery("refresh_token", service.IssueRefreshToken());
-      request.AddQuery("resource",
-                       discovery ? service.DiscoveryResource() : service.ServiceResource());
-      const auto reply = request.PerformPost(nullptr, nullptr, -1);
-      return "{\"results\":" + std::string(reply.body.get(), reply.bodylen) + "}";
+      return TokenReply(service, credential);
     };
     Forget();
   }
