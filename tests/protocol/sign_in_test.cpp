@@ -242,7 +242,7 @@ TEST_F(SignedInTest, CallersThatArriveTogetherShareOneRenewal) {
     ++renewals;
     // Holds the renewal until the other caller has met its 401, too, and a little longer.
     while (Requests().size() < 2) std::this_thread::yield();
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
     return R"({"results":{"access_token":"B"}})";
   };
   const auto look = [&] {
