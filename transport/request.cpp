@@ -195,7 +195,9 @@ std::string CURLImpl::BuildQueryString(bool escape) const {
 curl_slist* CURLImpl::BuildHeader() const {
   curl_slist* list = nullptr;
   for (const auto& [name, value] : headers) {
-    curl_slist* longer = curl_slist_append(list, (name + ": " + value).c_str());
+    std::string line = name;
+    line.append(": ").append(value);
+    curl_slist* longer = curl_slist_append(list, line.c_str());
     if (longer == nullptr) {
       curl_slist_free_all(list);
       throw std::bad_alloc();
