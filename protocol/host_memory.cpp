@@ -1,6 +1,5 @@
 #include "protocol/host_memory.h"
 
-#include <cstdint>
 #include <cstring>
 #include <ctime>
 

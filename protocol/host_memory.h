@@ -1,12 +1,18 @@
 // What operations read from and write into memory of the host.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "module/aerror.h"
 #include "module/records.h"
 
 namespace onedrive4b {
+
+/// Kinds of items, in a record's `attr`.
+inline constexpr std::uint32_t kFile = 1;
+inline constexpr std::uint32_t kFolder = 2;
+inline constexpr std::uint32_t kSynthesisedFolder = 0x42;
 
 /// Never null, for "%s" and for copying.
 inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }

@@ -4,15 +4,13 @@
 #include <vector>
 
 #include "module/log.h"
+#include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
 #include "support/text.h"
 
 namespace onedrive4b {
 
 namespace {
-
-constexpr std::uint32_t kFile = 1;
-constexpr std::uint32_t kFolder = 2;
 
 // A child of a folder in another drive is in that drive, too.
 std::string ChildId(const char* parent, const std::string& id) {

@@ -1,9 +1,9 @@
 // Listing a folder, and looking one item up.
 #include <string>
+#include <string_view>
 #include <unordered_set>
 
 #include "module/edge.h"
-#include "module/log.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
 

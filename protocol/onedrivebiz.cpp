@@ -1,7 +1,6 @@
 // The protocol object itself: construction, options, descriptors, and what needs no request.
 #include "protocol/onedrivebiz.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -23,7 +22,6 @@ constexpr const char* kModuleKey = "onedrivebiz.dll_1.0.0.0";
 constexpr int kPidBuffer = 256;
 constexpr int kFeatures = 0x140;
 constexpr int kAuthType = 2;
-constexpr std::uint32_t kSynthesisedFolder = 0x42;
 constexpr int kUnauthorized = 401;
 
 // The worldwide service. Its operator has retired it and national clouds have others, so the option

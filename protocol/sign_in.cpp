@@ -20,7 +20,6 @@ namespace {
 constexpr const char* kStoredToken = "refresh_token";
 constexpr int kStoredTokenBuffer = 1024;
 constexpr const char* kTokenPath = "/results/refresh_token";
-constexpr std::uint32_t kFolder = 2;
 
 // An access token lives for an hour; a 401 sooner than this after a renewal means something else.
 constexpr std::chrono::seconds kMinimumBetweenRenewals{3660};
