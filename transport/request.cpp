@@ -1,5 +1,7 @@
 #include "transport/request.h"
 
+#include <algorithm>
+
 #include <sys/socket.h>
 
 #include "transport/certificate_bundle.h"
@@ -14,6 +16,17 @@ constexpr long kLowSpeedLimit = 1;  // bytes per second
 constexpr long kLowSpeedTime = 20;  // seconds
 constexpr long kMaxRedirects = 32;
 constexpr int kSendBuffer = 1 << 20;
+
+// Bytes per system call. libcurl's own 16 and 64 KiB cost a transfer up to half of its speed.
+constexpr long long kReceiveBuffer = 512 << 10;
+constexpr long long kUploadBuffer = 2 << 20;
+
+// libcurl takes up to so many receive buffers, or one upload buffer, before it looks at the speed
+// limit. Then it waits, and with more than a second's worth it waits until the transfer counts as
+// stalled. It takes no smaller buffers than these.
+constexpr long long kReceiveBuffersAtOnce = 100;
+constexpr long long kSmallestReceiveBuffer = 1 << 10;
+constexpr long long kSmallestUploadBuffer = 16 << 10;
 
 // No proxy at all; null would let libcurl take one from the environment.
 constexpr const char* kDirect = "";
@@ -52,6 +65,7 @@ CURLImpl::CURLImpl() : curl(curl_easy_init(), curl_easy_cleanup) {
   // No address that the service hands out may reach anything but a web server.
   Set(CURLOPT_PROTOCOLS_STR, kProtocols);
   Set(CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
+  SetSpeedLimit(0);
 }
 
 CURLImpl::~CURLImpl() { FreePost(); }
@@ -85,10 +99,9 @@ void CURLImpl::Clear() {
     Set(option, nullptr);
   }
   Set(CURLOPT_PROXY, kDirect);
-  for (const CURLoption option : {CURLOPT_POSTFIELDSIZE_LARGE, CURLOPT_INFILESIZE_LARGE,
-                                  CURLOPT_MAX_SEND_SPEED_LARGE, CURLOPT_MAX_RECV_SPEED_LARGE}) {
-    Set(option, curl_off_t{0});
-  }
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{0});
+  Set(CURLOPT_INFILESIZE_LARGE, curl_off_t{0});
+  SetSpeedLimit(0);
   Set(CURLOPT_NOPROGRESS, 1L);
   Set(CURLOPT_LOW_SPEED_TIME, kLowSpeedTime);
   query.clear();
@@ -123,6 +136,14 @@ void CURLImpl::SetPostFileSize(long long size) {
 void CURLImpl::SetSpeedLimit(long long bytesPerSecond) {
   Set(CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(bytesPerSecond));
   Set(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(bytesPerSecond));
+  long long receive = kReceiveBuffer;
+  long long upload = kUploadBuffer;
+  if (bytesPerSecond > 0) {
+    receive = std::clamp(bytesPerSecond / kReceiveBuffersAtOnce, kSmallestReceiveBuffer, receive);
+    upload = std::clamp(bytesPerSecond, kSmallestUploadBuffer, upload);
+  }
+  Set(CURLOPT_BUFFERSIZE, static_cast<long>(receive));
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(upload));
 }
 
 void CURLImpl::SetLowSpeedTimeout(long seconds) { Set(CURLOPT_LOW_SPEED_TIME, seconds); }

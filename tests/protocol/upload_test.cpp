@@ -152,6 +152,25 @@ TEST_F(UploadTest, RepeatedRequestsSendTheirBodyAgain) {
   EXPECT_EQ(time.waits(), std::vector<long>{1});
 }
 
+// A limited upload that moves in bursts would stand still in between until it counts as stalled.
+TEST_F(UploadTest, ASpeedLimitKeepsPiecesShorterThanASecond) {
+  std::size_t longest = 0;
+  file.on_piece = [&](_CACHEIO_REQUEST& piece) {
+    longest = std::max(longest, piece.length);
+    return 0;
+  };
+  const auto longest_piece = [&](const char* limit) {
+    protocol->SetOpt("speedlimit", limit);
+    service.AnswerOnly(kContent, Item(150000));
+    longest = 0;
+    EXPECT_EQ(Upload(150000), SUCCESS);
+    return longest;
+  };
+  EXPECT_EQ(longest_piece("0"), 150000);
+  EXPECT_LE(longest_piece("100000"), 100000);
+  EXPECT_EQ(longest_piece("0"), 150000) << "the limit of one request reached the next";
+}
+
 TEST_F(UploadTest, FailuresLeaveTheRecordAlone) {
   for (const int status : {200, 201, 202, 204, 403, 409, 412, 413, 423, 503, 507}) {
     SCOPED_TRACE(status);
@@ -173,7 +192,7 @@ TEST_F(UploadTest, AHostThatFailsOrStopsEndsItsUploadOnly) {
   };
   for (std::size_t i = 0; i < hosts.size(); ++i) {
     SCOPED_TRACE(i);
-    for (const std::int64_t size : {std::int64_t{200000}, kSession}) {
+    for (const std::int64_t size : {std::int64_t{5'000'000}, kSession}) {
       service.AnswerOnly(kContent, Item(size));
       OfferSession({{202, R"({"nextExpectedRanges":[]})"}});
       std::int64_t given = 0;
