@@ -2,6 +2,7 @@
 // offset, a name too many, a symbol bound to somebody else's, a library that stays mapped.
 //
 // Nothing here is declared by the module's headers: a host has its own declarations.
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdint>
@@ -15,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -114,14 +116,26 @@ bool IsMapped(const std::string& name) {
   return text.find(name) != std::string::npos;
 }
 
+std::vector<std::string> LinesOf(const char* command) {
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command, "r"), pclose);
+  std::vector<std::string> lines;
+  char line[4096];
+  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) lines.emplace_back(line);
+  return lines;
+}
+
+bool AnyHas(const std::vector<std::string>& lines, const char* text) {
+  return std::any_of(lines.begin(), lines.end(), [text](const std::string& line) {
+    return line.find(text) != std::string::npos;
+  });
+}
+
 // The dynamic symbols that the library defines, demangled, up to their parameters.
 std::set<std::string> ExportedNames() {
-  const std::string command = "nm -D --defined-only '" MODULE_PATH "' | cut -d' ' -f3 | c++filt";
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
   std::set<std::string> names;
-  char line[4096];
-  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
-    names.insert(std::string(line, std::strcspn(line, "([\n")));
+  for (const std::string& line :
+       LinesOf("nm -D --defined-only '" MODULE_PATH "' | cut -d' ' -f3 | c++filt")) {
+    names.insert(line.substr(0, line.find_first_of("([\n")));
   }
   return names;
 }
@@ -319,6 +333,20 @@ TEST(Slots, AreInOrder) {
   std::destroy_at(url);
   EXPECT_EQ(message, buffer) << "message pointers stay as they were";
   Call<void>(object, 0);
+}
+
+TEST(Hardening, IsInTheBuiltLibrary) {
+  const std::vector<std::string> headers = LinesOf("readelf -lW '" MODULE_PATH "'");
+  EXPECT_TRUE(AnyHas(headers, "GNU_RELRO")) << "what the loader has resolved stays writable";
+  for (const std::string& line : headers) {
+    EXPECT_FALSE(line.find("GNU_STACK") != std::string::npos && line.find("RWE") != line.npos);
+  }
+  EXPECT_TRUE(AnyHas(LinesOf("readelf -dW '" MODULE_PATH "'"), "BIND_NOW"));
+#ifdef EXPECT_CHECKED_CALLS
+  const std::vector<std::string> symbols = LinesOf("nm -D --undefined-only '" MODULE_PATH "'");
+  EXPECT_TRUE(AnyHas(symbols, "__stack_chk_fail")) << "no stack protector";
+  EXPECT_TRUE(AnyHas(symbols, "_chk@")) << "no checked libc calls";
+#endif
 }
 
 TEST(Unloading, Unmaps) {
