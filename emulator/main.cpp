@@ -41,6 +41,7 @@ struct Arguments {
 
 void Declare(CLI::App& app, Arguments& arguments) {
   app.footer(kFooter);
+  app.set_version_flag("--version", "onedrive4b-emulator " ONEDRIVE4B_VERSION);
   app.add_option("--host-name", arguments.service.host_name,
                  "Name in all addresses; it has to resolve to loopback")
       ->capture_default_str();
