@@ -51,41 +51,51 @@ _CURLRTN WithoutHandle() {
 
 }  // namespace
 
+// Follows the lines that libcurl hands to its header function, one at a time: those of a header
+// block, which begins with a status line and ends with an empty one, and trailer lines.
+class HeaderLines {
+ public:
+  /// Keeps the blocks, not the trailers, in `kept`, which may be null.
+  explicit HeaderLines(evbuffer* kept) : kept_(kept) {}
+
+  static std::size_t Take(char* data, std::size_t size, std::size_t count, void* to) {
+    auto* lines = static_cast<HeaderLines*>(to);
+    const std::string_view line(data, size * count);
+    if (line.starts_with("HTTP/")) lines->in_block_ = true;
+    if (!lines->in_block_) return line.size();
+    if (line == "\r\n" || line == "\n") lines->in_block_ = false;
+    return lines->kept_ != nullptr ? write_callback_ev_func(data, size, count, lines->kept_)
+                                   : line.size();
+  }
+
+  /// The answer ended before its header block did. libcurl takes that for an answer without body.
+  bool broken_off() const { return in_block_; }
+
+ private:
+  evbuffer* kept_;
+  bool in_block_ = false;
+};
+
 // A response as it arrives. Header blocks and body are kept apart: libcurl could put both into one
 // stream (CURLOPT_HEADER), but versions differ in whether the trailer lines of a chunked body get
 // there, too. They belong to neither part.
 struct CollectedResponse {
-  // libcurl hands over one line at a time: those of a header block, which begins with a status line
-  // and ends with an empty one, and trailer lines.
-  static std::size_t TakeHeaderLine(char* data, std::size_t size, std::size_t count, void* to) {
-    auto* response = static_cast<CollectedResponse*>(to);
-    const std::string_view line(data, size * count);
-    if (line.starts_with("HTTP/")) response->in_header_block_ = true;
-    if (!response->in_header_block_) return line.size();
-    if (line == "\r\n" || line == "\n") response->in_header_block_ = false;
-    return write_callback_ev_func(data, size, count, response->headers_.get());
-  }
-
-  evbuffer* body() const { return body_.get(); }
-
   void MoveInto(_CURLRTN& result) const {
-    result.headerlen = static_cast<std::uint32_t>(evbuffer_get_length(headers_.get()));
-    result.bodylen = static_cast<std::uint32_t>(evbuffer_get_length(body_.get()));
+    result.headerlen = static_cast<std::uint32_t>(evbuffer_get_length(headers.get()));
+    result.bodylen = static_cast<std::uint32_t>(evbuffer_get_length(body.get()));
     if (result.headerlen != 0) {
       result.header = AllocateBlock(result.headerlen + 1);
       result.header[result.headerlen] = '\0';
-      evbuffer_remove(headers_.get(), result.header.get(), result.headerlen);
+      evbuffer_remove(headers.get(), result.header.get(), result.headerlen);
     }
     if (result.bodylen != 0) {
       result.body = AllocateBlock(result.bodylen);
-      evbuffer_remove(body_.get(), result.body.get(), result.bodylen);
+      evbuffer_remove(body.get(), result.body.get(), result.bodylen);
     }
   }
 
- private:
-  Evbuffer headers_ = NewEvbuffer();
-  Evbuffer body_ = NewEvbuffer();
-  bool in_header_block_ = false;
+  Evbuffer headers = NewEvbuffer();
+  Evbuffer body = NewEvbuffer();
 };
 
 bool CURLImpl::HeadersCanBeSent() const {
@@ -115,14 +125,17 @@ _CURLRTN CURLImpl::Run(const char* natural_method, CollectedResponse* response) 
   Set(CURLOPT_POSTREDIR, request.empty() ? 0L : long{CURL_REDIR_POST_ALL});
   const HeaderList header_list(BuildHeader());
   Set(CURLOPT_HTTPHEADER, header_list.get());
+  HeaderLines header_lines(response != nullptr ? response->headers.get() : nullptr);
+  Set(CURLOPT_HEADERFUNCTION, &HeaderLines::Take);
+  Set(CURLOPT_HEADERDATA, &header_lines);
   if (response != nullptr) {
-    Set(CURLOPT_HEADERFUNCTION, &CollectedResponse::TakeHeaderLine);
-    Set(CURLOPT_HEADERDATA, response);
     Set(CURLOPT_WRITEFUNCTION, &write_callback_ev_func);
-    Set(CURLOPT_WRITEDATA, response->body());
+    Set(CURLOPT_WRITEDATA, response->body.get());
   }
   result.curlcode =
       HeadersCanBeSent() ? curl_easy_perform(curl.get()) : CURLE_BAD_FUNCTION_ARGUMENT;
+  if (result.curlcode == CURLE_OK && header_lines.broken_off())
+    result.curlcode = CURLE_PARTIAL_FILE;
   Set(CURLOPT_HTTPHEADER, nullptr);
   Set(CURLOPT_HEADERFUNCTION, nullptr);
   Set(CURLOPT_HEADERDATA, nullptr);
