@@ -158,7 +158,8 @@ AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HAND
   };
   const StatusHandler created([&](_CURLRTN& exchange) { return TakeSession(exchange, session); },
                               "");
-  if (Query(kName, create, {.by_class = {{200, created}}}) != SUCCESS) return FILE_WRITE_FAILED;
+  const AERROR begun = Query(kName, create, {.by_class = {{200, created}}});
+  if (begun != SUCCESS || session.url.empty()) return FILE_WRITE_FAILED;
 
   SetPosition(*handle, 0);
   UploadProgress progress{{handle->progress, handle->progressctx, nullptr}, file->size, 0, 0};
@@ -186,7 +187,11 @@ AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HAND
         return whole ? SUCCESS : FAILED;
       },
       "");
-  return Query(kName, send, {.by_status = {{200, stored}, {201, stored}, {202, accepted}}});
+  // Any other answer below 400 would pass for success, with the file nowhere.
+  const StatusHandler unexpected([](_CURLRTN&) { return FAILED; }, "");
+  return Query(kName, send,
+               {.by_class = {{200, unexpected}, {300, unexpected}},
+                .by_status = {{200, stored}, {201, stored}, {202, accepted}}});
 }
 
 }  // namespace onedrive4b

@@ -230,7 +230,7 @@ TEST_F(UploadTest, WithoutASessionNoChunkIsSent) {
     EXPECT_EQ(Upload(kSession), FILE_WRITE_FAILED);
     ExpectUntouched();
   }
-  for (const int status : {403, 404, 409, 423, 507}) {
+  for (const int status : {304, 403, 404, 409, 423, 507}) {
     service.AnswerOnly(kCreate, "{}", status);
     EXPECT_EQ(Upload(kSession), FILE_WRITE_FAILED);
     ExpectUntouched();
@@ -260,6 +260,8 @@ TEST_F(UploadTest, AnswersToChunksDecideWhatIsSentNext) {
   };
   for (const Case& c : {
            Case{"gone", {{404, "{}"}}, {first}},
+           {"neither stored nor to be continued", {{204, ""}}, {first}},
+           {"not modified", {{304, ""}}, {first}},
            {"odd ranges",
             {{202, R"({"nextExpectedRanges":[]})"},
              {202, R"({"nextExpectedRanges":["5-9","77-"]})"},
