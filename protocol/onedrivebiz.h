@@ -135,6 +135,10 @@ class OneDriveBiz : public IProtocol_V2 {
   AERROR FinishConnect(AuthorizedReply& authorized);
   AERROR RenewTokens();
   void KeepRefreshToken(const JsonObject& reply, const char* operation);
+  bool RenewsHere() const { return renewing_thread_.load() == std::this_thread::get_id(); }
+  // For writing what a renewal reads: Connect may find the refresh loop of an earlier sign-in at
+  // work. Holds nothing inside a renewal, which has the lock already.
+  std::unique_lock<std::mutex> LockTokens();
 
   AERROR ListPages(const char* name, std::string url, const char* parent, IFileList* list);
 
@@ -146,7 +150,7 @@ class OneDriveBiz : public IProtocol_V2 {
   AERROR PatchItem(const char* name, const char* id, const std::shared_ptr<char[]>& etag,
                    const JsonObject& changes, _FS_FILE_V2* file);
 
-  std::string refresh_token_;
+  std::string refresh_token_;  // this, protocol_auth_, credential_ and auth_: see LockTokens
   std::string resource_id_;
   std::string endpoint_uri_;
   std::string name_;

@@ -83,8 +83,11 @@ AERROR OneDriveBiz::Connect(IProtocolAuth* auth, const char* credential) {
   return AtEdge([&] {
     if (auth == nullptr || credential == nullptr || manager_ == nullptr) return INVALID_PARAMETER;
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s called", kName);
-    protocol_auth_ = auth;
-    credential_ = credential;
+    {
+      const auto lock = LockTokens();
+      protocol_auth_ = auth;
+      credential_ = credential;
+    }
     const std::string updated = TakeStoredToken(credential);
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s Use updated credential", kName);
     try {
@@ -104,12 +107,16 @@ std::string OneDriveBiz::TakeStoredToken(const char* credential) {
     std::array<char, kStoredTokenBuffer + 1> buffer{};
     int length = kStoredTokenBuffer;
     manager_->GetValue(pid_.c_str(), kStoredToken, buffer.data(), &length);
-    refresh_token_ = buffer.data();
-    if (refresh_token_.empty()) {
+    const std::string stored = buffer.data();
+    {
+      const auto lock = LockTokens();
+      refresh_token_ = stored;
+    }
+    if (stored.empty()) {
       __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s No stored refresh token found", kName);
       return updated;
     }
-    document.GetObject("/results")[kStoredToken] = refresh_token_;
+    document.GetObject("/results")[kStoredToken] = stored;
     updated = document.ToText();
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s Remove stored refresh token", kName);
     manager_->SetValue(pid_.c_str(), kStoredToken, "");
@@ -123,7 +130,10 @@ AERROR OneDriveBiz::FinishConnect(AuthorizedReply& authorized) {
   JsonObject reply = authorized.Parse();
   authorized.Free();
   KeepRefreshToken(reply, "Connect");
-  auth_ = std::make_shared<CURLAuth>(reply);
+  {
+    const auto lock = LockTokens();
+    auth_ = std::make_shared<CURLAuth>(reply);
+  }
   if (GetAuthForService<About>(reply, endpoint_uri_) != SUCCESS) return AUTH_FAILED;
   if (about_ && about_->HasRefreshLoop()) about_->StopRepeatRefreshToken();
   about_ = std::make_shared<About>(this, service_endpoint_, true);
@@ -144,7 +154,12 @@ void OneDriveBiz::KeepRefreshToken(const JsonObject& reply, const char* operatio
   }
   const std::string token = TextAt(reply, kTokenPath);
   manager_->SetValue(pid_.c_str(), kStoredToken, token.c_str());
+  const auto lock = LockTokens();
   refresh_token_ = token;
+}
+
+std::unique_lock<std::mutex> OneDriveBiz::LockTokens() {
+  return RenewsHere() ? std::unique_lock<std::mutex>() : std::unique_lock(refresh_mutex_);
 }
 
 AuthorizedReply OneDriveBiz::AuthorizeForService() {
@@ -203,7 +218,7 @@ AERROR OneDriveBiz::GetServiceEndpoint(std::string& resource, std::string& endpo
 
 AERROR OneDriveBiz::RefreshAuth() {
   // A request of the renewal itself was refused: a second renewal inside it would not help.
-  if (renewing_thread_.load() == std::this_thread::get_id()) return FAILED;
+  if (RenewsHere()) return FAILED;
   std::unique_lock lock(refresh_mutex_, std::try_to_lock);
   if (!lock) {
     lock.lock();
