@@ -1,0 +1,70 @@
+# What `cmake --install` lays down, in three components that are packages of their own:
+#
+#   module       <libdir>/onedrive4b/lib/libonedrive4b.so
+#   development  the host's headers, and how CMake and pkg-config find them and the module
+#   tools        the two programs, their manual pages and completions
+#
+# The host program looks for its module in ../lib and for its certificate bundle in ../Frameworks
+# beside the folder in which it really lies, so it lies in the private folder and <bindir> holds a
+# link to it. All paths between installed files are relative: the tree may be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(private_dir ${CMAKE_INSTALL_LIBDIR}/onedrive4b)
+set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/onedrive4b)
+set(module_file ${private_dir}/lib/libonedrive4b.so)
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/onedrive4b)
+set(templates ${PROJECT_SOURCE_DIR}/packaging)
+set(generated ${PROJECT_BINARY_DIR}/packaging)
+string(TIMESTAMP man_date "%Y-%m" UTC)  # SOURCE_DATE_EPOCH is heeded
+
+install(TARGETS onedrive4b_module LIBRARY DESTINATION ${private_dir}/lib COMPONENT module)
+
+install(
+  FILES
+    module/aerror.h
+    module/entry_points.h
+    module/export.h
+    module/interfaces.h
+    module/records.h
+  DESTINATION ${headers_dir}/module
+  COMPONENT development)
+configure_package_config_file(${templates}/onedrive4b-config.cmake.in
+  ${generated}/onedrive4b-config.cmake
+  INSTALL_DESTINATION ${config_dir}
+  PATH_VARS headers_dir module_file)
+write_basic_package_version_file(${generated}/onedrive4b-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+file(RELATIVE_PATH prefix_from_pc
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
+configure_file(${templates}/onedrive4b.pc.in ${generated}/onedrive4b.pc @ONLY)
+install(
+  FILES ${generated}/onedrive4b-config.cmake ${generated}/onedrive4b-config-version.cmake
+  DESTINATION ${config_dir}
+  COMPONENT development)
+install(FILES ${generated}/onedrive4b.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+install(TARGETS onedrive4b_host RUNTIME DESTINATION ${private_dir}/bin COMPONENT tools)
+install(TARGETS onedrive4b-emulator
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+file(RELATIVE_PATH program_from_bin
+  ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR}/onedrive4b/bin/onedrive4b)
+file(MAKE_DIRECTORY ${generated}/links)
+file(CREATE_LINK ${program_from_bin} ${generated}/links/onedrive4b SYMBOLIC)
+install(FILES ${generated}/links/onedrive4b
+  DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+# The system's bundle, as it changes. Without one there is no link, and libcurl's default is used.
+file(CREATE_LINK ${system_bundle} ${generated}/links/cacert.pem SYMBOLIC)
+install(FILES ${generated}/links/cacert.pem
+  DESTINATION ${private_dir}/Frameworks COMPONENT tools OPTIONAL)
+foreach(program onedrive4b onedrive4b-emulator)
+  configure_file(docs/man/${program}.1.in ${generated}/man/${program}.1 @ONLY)
+  install(FILES ${generated}/man/${program}.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  install(FILES ${templates}/completion/${program}
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tools)
+endforeach()
+
+include(${templates}/debian/packages.cmake)
