@@ -101,15 +101,15 @@ Response Authority::TokenByDevice(const FormFields& form) {
   if (device.expires <= Now()) {
     return OAuthError("expired_token", 70020, "The device code has expired.");
   }
-  if (device.approved == false) {
-    return OAuthError("authorization_declined", 65004, "User declined to consent to the app.");
-  }
   if (!device.approved) {
     if (last_poll && now - *last_poll < options_.device_poll_interval) {
       return OAuthError("slow_down", 0, "The polling interval is too short.");
     }
     return OAuthError("authorization_pending", 70016,
                       "Authorization is pending. Continue polling.");
+  }
+  if (!*device.approved) {
+    return OAuthError("authorization_declined", 65004, "User declined to consent to the app.");
   }
   const std::string resource = device.resource;
   devices_.erase(found);

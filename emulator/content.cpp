@@ -241,7 +241,7 @@ void Copy(const Content& from, ContentWriter& to) {
 
 }  // namespace
 
-ContentPtr TextContent(std::string bytes) {
+ContentPtr TextContent(std::string_view bytes) {
   MemoryWriter writer;
   writer.Append(bytes);
   return writer.Finish();

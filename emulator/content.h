@@ -10,6 +10,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace emulator {
 
@@ -36,7 +37,7 @@ class Content {
 using ContentPtr = std::shared_ptr<const Content>;
 using ByteGenerator = std::function<void(std::uint64_t offset, std::span<char> into)>;
 
-ContentPtr TextContent(std::string bytes);
+ContentPtr TextContent(std::string_view bytes);
 
 /// Bytes made when they are read, for sizes no one wants in memory. `generate` is called from any
 /// thread and must give the same bytes each time.

@@ -88,8 +88,8 @@ std::string Drive::WriteFile(std::string_view path, const ContentPtr& content) {
   return file.item.id;
 }
 
-std::string Drive::WriteFile(std::string_view path, std::string bytes) {
-  return WriteFile(path, TextContent(std::move(bytes)));
+std::string Drive::WriteFile(std::string_view path, std::string_view bytes) {
+  return WriteFile(path, TextContent(bytes));
 }
 
 std::string Drive::AddFolder(std::string_view parent_id, const std::string& name) {

@@ -87,7 +87,7 @@ class Drive {
   std::string MakeFolder(std::string_view path);
   /// Replaces a file that is there; makes missing folders. Returns its id.
   std::string WriteFile(std::string_view path, const ContentPtr& content);
-  std::string WriteFile(std::string_view path, std::string bytes);
+  std::string WriteFile(std::string_view path, std::string_view bytes);
   /// The parent must be there and the name free (ServiceError otherwise). Returns the new id.
   std::string AddFolder(std::string_view parent_id, const std::string& name);
   std::string AddFile(std::string_view parent_id, const std::string& name,

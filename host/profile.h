@@ -26,7 +26,7 @@ namespace host {
 /// can never leave the profile folder.
 bool IsProfileName(const std::string& name);
 
-/// <state folder of the user>/onedrive4b/<name>.json. Throws a kUsage Failure for a bad name and
+/// onedrive4b/NAME.json in the user's folder for state. Throws a kUsage Failure for a bad name and
 /// when no home folder is known.
 std::filesystem::path ProfileFile(const std::string& name);
 

@@ -74,11 +74,11 @@ Session::LoggerBinding::~LoggerBinding() { module_.unbind_logger(); }
 
 Session::Session(const SessionContext& context, const SessionOptions& options)
     : context_(context), binding_(context.module, context.log) {
-  IProtocol_V2* protocol = nullptr;
-  if (!context.module.get_protocol("onedrive4b", &context.profile, &protocol)) {
+  IProtocol_V2* created = nullptr;
+  if (!context.module.get_protocol("onedrive4b", &context.profile, &created)) {
     throw Failure(ExitCode::kModule, "the module makes no protocol object");
   }
-  protocol_.reset(protocol);
+  protocol_.reset(created);
   SetOptions(options);
   Connect();
 }

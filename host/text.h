@@ -18,7 +18,7 @@ namespace host {
 std::string FormattedV(const char* format, std::va_list arguments);
 
 /// `text` with everything that a terminal could obey or hide written out: control characters as
-/// \n, \t or \u{..}, direction marks as \u{..}, bytes that are not UTF-8 as \x...
+/// `\n`, `\t` or `\u{..}`, direction marks as `\u{..}`, bytes that are not UTF-8 as `\x..`.
 std::string EscapeForTerminal(std::string_view text);
 
 /// 'text', escaped, for messages.

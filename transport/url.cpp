@@ -1,5 +1,7 @@
 #include "transport/url.h"
 
+#include <algorithm>
+#include <array>
 #include <memory>
 
 #include <curl/curl.h>
@@ -45,11 +47,11 @@ class ParsedUrl {
 bool SameOrigin(const std::string& a, const std::string& b) {
   const ParsedUrl left(a);
   const ParsedUrl right(b);
-  for (const CURLUPart part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+  constexpr std::array kOrigin = {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT};
+  return std::ranges::all_of(kOrigin, [&](CURLUPart part) {
     const std::string text = left.Part(part);
-    if (text.empty() || strcasecmp(text.c_str(), right.Part(part).c_str()) != 0) return false;
-  }
-  return true;
+    return !text.empty() && strcasecmp(text.c_str(), right.Part(part).c_str()) == 0;
+  });
 }
 
 }  // namespace onedrive4b
