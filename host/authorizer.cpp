@@ -12,11 +12,13 @@ namespace host {
 namespace {
 
 constexpr std::size_t kLongestDescription = 300;
+constexpr std::size_t kLongestType = 60;
 
-/// The first line of the authority's description: what follows are trace ids for its operator.
-std::string FirstLine(const std::string& text) {
-  return Shortened(EscapeForTerminal(text.substr(0, text.find_first_of("\r\n"))),
-                   kLongestDescription);
+/// What the authority says, fit for a message: its first line, since trace ids for its operator
+/// follow. It may quote a token, which is recognised as a whole only, so before anything is cut.
+std::string FirstLine(const std::string& text, const Redactor& redactor, std::size_t longest) {
+  const std::string redacted = redactor.Redact(text);
+  return Shortened(EscapeForTerminal(redacted.substr(0, redacted.find_first_of("\r\n"))), longest);
 }
 
 }  // namespace
@@ -27,12 +29,13 @@ std::string DescribeAuthorityError(const HttpResponse& response, const Redactor&
   if (error.empty()) {
     const std::string type = response.content_type.empty() ? "no type" : response.content_type;
     return "the authority answered HTTP " + std::to_string(response.status) + " (" +
-           Shortened(EscapeForTerminal(type), 60) + ") instead of tokens";
+           FirstLine(type, redactor, kLongestType) + ") instead of tokens";
   }
-  std::string text = "the authority refuses: " + FirstLine(error);
-  const std::string description = FirstLine(TextMember(*document, "error_description"));
+  std::string text = "the authority refuses: " + FirstLine(error, redactor, kLongestDescription);
+  const std::string description =
+      FirstLine(TextMember(*document, "error_description"), redactor, kLongestDescription);
   if (!description.empty()) text += ": " + description;
-  return redactor.Redact(text);
+  return text;
 }
 
 char* Authorizer::Authorize(IProtocol_V2* /*protocol*/, const char* credential) {
