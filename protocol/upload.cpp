@@ -118,6 +118,8 @@ AERROR OneDriveBiz::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handl
                            _FS_FILE_V2* file, UPLOAD_FLAG, char** message) {
   return AtEdge([&] {
     if (!handle || cache == nullptr || file == nullptr || file->size < 0) return INVALID_PARAMETER;
+    // A URL takes the name up to its first NUL: it could be the name of another file.
+    if (file->filename.find('\0') != std::string::npos) return INVALID_PARAMETER;
     if (!SignedIn()) return FS_NEED_AUTHORIZE;
     return file->size > kLargestSimpleUpload
                ? UploadLargeItem(parent, handle, cache, file, message)
