@@ -153,9 +153,11 @@ void OneDriveBiz::KeepRefreshToken(const JsonObject& reply, const char* operatio
     return;
   }
   const std::string token = TextAt(reply, kTokenPath);
+  {
+    const auto lock = LockTokens();
+    refresh_token_ = token;
+  }
   manager_->SetValue(pid_.c_str(), kStoredToken, token.c_str());
-  const auto lock = LockTokens();
-  refresh_token_ = token;
 }
 
 std::unique_lock<std::mutex> OneDriveBiz::LockTokens() {
@@ -213,7 +215,9 @@ AERROR OneDriveBiz::GetServiceEndpoint(std::string& resource, std::string& endpo
   };
   const StatusHandler handler(
       [&](_CURLRTN& exchange) { return TakeFilesService(exchange, resource, endpoint); }, "");
-  return Query(kName, step, {.by_class = {{200, handler}}});
+  const AERROR result = Query(kName, step, {.by_class = {{200, handler}}});
+  // An answer below 400 that no handler sees counts as success.
+  return result == SUCCESS && endpoint.empty() ? FAILED : result;
 }
 
 AERROR OneDriveBiz::RefreshAuth() {
@@ -240,8 +244,14 @@ AERROR OneDriveBiz::RenewTokens() {
   if (!authorized) return FAILED;
   JsonObject reply = authorized.Parse();
   auth_->SetAuth(reply);
-  GetAuthForService<About>(reply, endpoint_uri_);
-  authorized.Free();
+  try {
+    GetAuthForService<About>(reply, endpoint_uri_);
+    authorized.Free();
+  } catch (...) {
+    // The authority may have withdrawn the refresh token that the new one replaces.
+    KeepRefreshToken(reply, "RefreshAuth");
+    throw;
+  }
   KeepRefreshToken(reply, "RefreshAuth");
   return RETRY;
 }

@@ -13,7 +13,11 @@ void CURLAuth::SetAuth(JsonObject& auth) {
   const JsonObject results = auth.GetObject("/results");
   const std::vector<std::string> names = results.GetKeys();
   if (std::find(names.begin(), names.end(), "access_token") == names.end()) return;
-  AddHeader("Authorization", ("Bearer " + TextAt(results, "access_token")).c_str());
+  const std::string token = TextAt(results, "access_token");
+  // A header with a line break is never sent, so this token would never meet the 401 that renews
+  // it.
+  if (token.find_first_of("\r\n") != std::string::npos) return;
+  AddHeader("Authorization", ("Bearer " + token).c_str());
 }
 
 void CURLAuth::SignAuthentication(CURLImpl& request) { SignAuthentication(&request); }

@@ -20,8 +20,9 @@ class CURLAuth {
   explicit CURLAuth(JsonObject& auth);
   virtual ~CURLAuth() = default;
 
-  /// Takes "results"."access_token" of a token reply. A reply without one changes nothing. Throws
-  /// the JSON library's error when a member has the wrong type.
+  /// Takes "results"."access_token" of a token reply. A reply without one, or with one that
+  /// cannot stand in a header, changes nothing. Throws the JSON library's error when a member has
+  /// the wrong type.
   virtual void SetAuth(JsonObject& auth);
 
   /// Copies all entries into the request, over entries of the same names.
