@@ -11,8 +11,12 @@
 // Ownership: every pointer passed to an operation is the caller's and must stay valid until the
 // operation returns; IProtocolManager and IProtocolAuth must outlive the protocol object.
 //
-// Exceptions: no operation of the module throws. A receiver should not throw either; one that does
-// is treated as failed.
+// Exceptions: no operation of the module throws. A receiver should not throw either: one that does
+// fails its operation, except that an entry of a listing is left out, the last piece of a download
+// counts as taken, and a logger, a progress function and a value that cannot be read are ignored.
+//
+// Texts that come from the service (ids, names, entity tags, URLs) may hold any character, in
+// records as in log lines: a host that writes them to a file or terminal escapes them.
 #pragma once
 
 #include <cstdarg>
@@ -41,7 +45,7 @@ class ILog {
   virtual void HostReserved() = 0;
   /// Whether requests and responses are to be traced header by header.
   virtual bool IsDetailed() = 0;
-  /// One line without line feed, to be formatted by the host as vprintf would.
+  /// One line, to be formatted by the host as vprintf would.
   virtual void Write(LOGLEVEL level, const char* format, std::va_list arguments) = 0;
 
  protected:

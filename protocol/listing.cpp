@@ -53,7 +53,8 @@ class PageReader {
     try {
       _FS_FILE_V2 file;
       OneDriveBiz::FillData(parent_, entries[index], &file);
-      list_->AddFile(&file);
+      // "" is the top folder: a host that walks the tree would never come to its end.
+      if (!file.id.empty()) list_->AddFile(&file);
     } catch (...) {
     }
   }

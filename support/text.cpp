@@ -85,6 +85,7 @@ std::wstring s2ws(const std::string& text) {
 std::string ws2s(const std::wstring& text) { return Utf8Converter().to_bytes(text); }
 
 void strip(char* source, char* destination) {
+  if (source == nullptr || destination == nullptr) return;
   const std::string_view text(source);
   const std::size_t first = text.find_first_not_of(' ');
   const std::size_t length =

@@ -48,6 +48,7 @@ std::tm Parse(const std::string& text) {
 }  // namespace
 
 std::string TMToRFC3339(std::tm* time) {
+  if (time == nullptr) return {};
   std::array<char, 128> buffer{};  // room for fields far outside their ranges
   std::snprintf(buffer.data(), buffer.size(), "%04lld-%02lld-%02dT%02d:%02d:%02d.000Z",
                 time->tm_year + static_cast<long long>(kFirstYear), time->tm_mon + 1LL,
@@ -56,6 +57,7 @@ std::string TMToRFC3339(std::tm* time) {
 }
 
 std::string TMToUTCRFC3339(std::tm* time) {
+  if (time == nullptr) return {};
   std::mktime(time);
   return UtcTextOfLocal(*time);
 }
