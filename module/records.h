@@ -13,14 +13,16 @@
 
 /// One file or folder.
 struct _FS_FILE_V1 {
-  std::string id;                ///< the module's name of the item; opaque to the host
-  std::uint32_t attr = 0;        ///< 1 file, 2 folder, 0x42 synthesised folder
-  std::int64_t size = 0;         ///< bytes; 0 for folders
-  std::string crtime;            ///< creation time, RFC 3339
-  std::string lasttime;          ///< last modification time, RFC 3339
-  std::string accesstime;        ///< the module always gives the value of `lasttime`
-  std::string filename;          ///< display name, UTF-8
-  std::shared_ptr<char[]> eTag;  ///< NUL-terminated entity tag, shared by copies; empty for none
+  std::string id;          ///< the module's name of the item; opaque to the host
+  std::uint32_t attr = 0;  ///< 1 file, 2 folder, 0x42 synthesised folder
+  std::int64_t size = 0;   ///< bytes; 0 for folders
+  std::string crtime;      ///< creation time, RFC 3339
+  std::string lasttime;    ///< last modification time, RFC 3339
+  std::string accesstime;  ///< the module always gives the value of `lasttime`
+  std::string filename;    ///< display name, UTF-8
+  /// NUL-terminated entity tag, shared by copies; empty for none. Code of the module frees it, so
+  /// every record that the module has filled goes before the library is closed.
+  std::shared_ptr<char[]> eTag;
 };
 
 /// The record of the current interface. The module fills neither of the host's own fields.

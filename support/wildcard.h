@@ -3,12 +3,14 @@
 
 #include "module/export.h"
 
-/// Whether `name` as a whole matches `expression`; false when either is null.
-///   *  any run of characters                  ?  exactly one character
-///   "  a dot if one comes next, else nothing  <  any run up to, not including, the last dot that
-///   is
-///                                                left; any run when none is left
-///   >  one character other than a dot; a dot that is not the name's last; nothing at the last dot
+/// Whether `name` as a whole matches `expression`; false when either is null. In the expression
+///   - `*` is any run of characters;
+///   - `?` is exactly one character;
+///   - `"` is a dot if one comes next, else nothing;
+///   - `<` is any run up to, not including, the last dot that is left; any run when none is left;
+///   - `>` is one character other than a dot, or a dot that is not the name's last; at the last dot
+///     it is nothing.
+///
 /// With `ignoreCase` other characters are compared in upper case, as the C locale in force has it.
 /// Time grows with the product of the two lengths, whatever the pattern. Callable from any thread.
 ONEDRIVE4B_EXPORT bool IsNameInExpression(const wchar_t* expression, const wchar_t* name,
