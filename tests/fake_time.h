@@ -1,6 +1,7 @@
 // A steady clock that tests turn by hand.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <vector>
 
@@ -29,5 +30,24 @@ class FakeTime {
  private:
   static inline onedrive4b::SteadyTime::Clock::time_point now_;
   static inline std::vector<long> waits_;
+  onedrive4b::SteadyTime real_;
+};
+
+/// The real clock, put forward by any thread. Sleeping takes no time.
+class ShiftedTime {
+ public:
+  ShiftedTime() : real_(onedrive4b::TimeSource()) {
+    onedrive4b::TimeSource() = {
+        [] { return onedrive4b::SteadyTime::Clock::now() + std::chrono::hours(hours_); },
+        [](std::chrono::seconds) {}};
+  }
+  ShiftedTime(const ShiftedTime&) = delete;
+  ShiftedTime& operator=(const ShiftedTime&) = delete;
+  ~ShiftedTime() { onedrive4b::TimeSource() = real_; }
+
+  static void Advance(int hours) { hours_ += hours; }
+
+ private:
+  static inline std::atomic<int> hours_ = 0;
   onedrive4b::SteadyTime real_;
 };
