@@ -454,7 +454,7 @@ bool Drive::AnyLocked(const Node& node) const {
                      [&](const auto& child) { return AnyLocked(Get(child.second)); });
 }
 
-void Drive::CheckMatch(const Node& node, const std::string& if_match) const {
+void Drive::CheckMatch(const Node& node, const std::string& if_match) {
   if (if_match.empty() || if_match == "*") return;
   if (if_match != node.item.ETag() && if_match != node.item.CTag()) throw ResourceModified();
 }

@@ -194,7 +194,7 @@ class Drive {
   std::string FreeName(const Node& folder, const std::string& name) const;
   bool IsInside(std::string_view id, std::string_view folder_id) const;
   bool AnyLocked(const Node& node) const;
-  void CheckMatch(const Node& node, const std::string& if_match) const;
+  static void CheckMatch(const Node& node, const std::string& if_match);
   const Identity& Author(const Identity* by) const;
   void MoveNode(Node& node, Node& parent, const std::string& name);
 

@@ -105,7 +105,7 @@ Item DriveApi::Target(const Call& call, SharedRole role) const {
   return *std::move(item);
 }
 
-void DriveApi::RequireRole(const Call& call, const std::string& item_id, SharedRole role) const {
+void DriveApi::RequireRole(const Call& call, const std::string& item_id, SharedRole role) {
   if (call.Own()) return;
   const auto given = call.drive.RoleOf(item_id);
   if (!given || (role == SharedRole::kWrite && *given != SharedRole::kWrite)) throw AccessDenied();

@@ -81,7 +81,7 @@ class DriveApi {
   static std::optional<Item> Find(const Drive& drive, const ItemAddress& address);
   /// The item the call names. Throws when there is none, or the caller's role does not reach.
   Item Target(const Call& call, SharedRole role) const;
-  void RequireRole(const Call& call, const std::string& item_id, SharedRole role) const;
+  static void RequireRole(const Call& call, const std::string& item_id, SharedRole role);
   /// Where a file is to be written that need not be there yet.
   Drive::FileRequest FileTarget(const Call& call) const;
   std::string NewParent(const Call& call, const Json::Value& reference) const;
