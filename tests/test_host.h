@@ -108,6 +108,24 @@ class FileCollector final : public IFileList {
   std::vector<_FS_FILE_V2> files;
 };
 
+/// A file that is one byte over and over, as the host's copy; keeps what is fetched.
+struct FilledContent final : ICacheIO, IFetchCallback {
+  explicit FilledContent(char filling = 'c') : byte(filling) {}
+
+  int ReadCache(_CACHEIO_REQUEST* request) override {
+    std::memset(request->buffer, byte, request->length);
+    request->done = request->length;
+    return 0;
+  }
+  AERROR OnFetch(std::int64_t, const char* data, std::int64_t length, int) override {
+    fetched.append(data, static_cast<std::size_t>(length));
+    return SUCCESS;
+  }
+
+  const char byte;
+  std::string fetched;
+};
+
 /// Ends a protocol object as hosts do.
 struct ReleaseProtocol {
   void operator()(IProtocol_V2* protocol) const { protocol->Release(); }

@@ -1,7 +1,5 @@
 // Hunts getters that write past a buffer or change a length they should keep, options that do not
 // take, and account values that are stale, lost or asked for too often.
-#include <map>
-
 #include "tests/protocol/signed_in_test.h"
 #include "transport/onedrivebiz_curl.h"
 
@@ -139,66 +137,6 @@ TEST_F(ProtocolTest, OptionsTakeOrLeaveEverythingAsItWas) {
   EXPECT_EQ(cq.proxy.type, "SOCKS4") << "what was read before the failure has been stored";
   EXPECT_EQ(cq.proxy.user, "u");
   cq.proxy = {};
-}
-
-TEST_F(ProtocolTest, WithoutSignInNothingIsAskedOfTheService) {
-  _FS_FILE_V2 file;
-  file.id = "1";
-  FileCollector list;
-  std::uint64_t bytes = 0;
-  char buffer[8];
-  int length = 7;
-  const auto handle = std::make_shared<_FS_HANDLE>();
-  struct Fetch final : IFetchCallback {
-    AERROR OnFetch(std::int64_t, const char*, std::int64_t, int) override { return SUCCESS; }
-  } fetch;
-  struct Cache final : ICacheIO {
-    int ReadCache(_CACHEIO_REQUEST*) override { return 0; }
-  } cache;
-  IProtocol_V2& p = *protocol;
-  const std::map<std::string, AERROR> results = {
-      {"list", p.GetFileList("1", &list, nullptr)},
-      {"list shared", p.GetFileList("shared", &list, nullptr)},
-      {"info", p.GetFileInfo("1", &file, nullptr)},
-      {"rename", p.Rename("1", "t", &file, nullptr)},
-      {"move", p.Move("1", "t", &file, nullptr)},
-      {"move folder", p.MoveDir("1", "t", &file, nullptr)},
-      {"create", p.CreateDirectory("1", &file, nullptr)},
-      {"delete", p.Delete(&file, nullptr)},
-      {"delete folder", p.DeleteDirectory(&file, nullptr)},
-      {"read", p.Read("1", 0, 1, handle, &fetch, nullptr)},
-      {"upload", p.Upload("1", handle, &cache, &file, {}, nullptr)},
-      {"credential", p.GetCredential(buffer, &length)},
-  };
-  for (const auto& [name, result] : results) EXPECT_EQ(result, FS_NEED_AUTHORIZE) << name;
-  EXPECT_EQ(p.GetUserInfo(buffer, &length), INVALID_PARAMETER);
-  EXPECT_EQ(p.GetQuota(&bytes, &bytes), INVALID_PARAMETER);
-  EXPECT_EQ(p.Read("1", 0, 0, handle, &fetch, nullptr), SUCCESS);
-  EXPECT_TRUE(service.requests().empty());
-}
-
-TEST_F(SignedInTest, NullArgumentsAreRefused) {
-  _FS_FILE_V2 file;
-  const auto handle = std::make_shared<_FS_HANDLE>();
-  IProtocol_V2& p = *protocol;
-  for (const AERROR result :
-       {p.GetFileList("", nullptr, nullptr), p.GetFileInfo("1", nullptr, nullptr),
-        p.Rename("1", "t", nullptr, nullptr), p.Move("1", "t", nullptr, nullptr),
-        p.MoveDir("1", "t", nullptr, nullptr), p.CreateDirectory("1", nullptr, nullptr),
-        p.Delete(nullptr, nullptr), p.DeleteDirectory(nullptr, nullptr),
-        p.Read("1", 0, 1, nullptr, nullptr, nullptr), p.Read("1", 0, 1, handle, nullptr, nullptr),
-        p.Upload("1", nullptr, nullptr, &file, {}, nullptr), p.GetType(nullptr)}) {
-    EXPECT_EQ(result, INVALID_PARAMETER);
-  }
-  EXPECT_EQ(p.SetFileTime(nullptr, "", "", "", nullptr, nullptr), NOT_SUPPORTED);
-  EXPECT_EQ(p.GetIdentifier(nullptr, nullptr), SUCCESS);
-  EXPECT_EQ(p.GetChanges(nullptr, nullptr), SUCCESS);
-  EXPECT_EQ(p.SetQuota(1, 2), SUCCESS);
-  p.SetQuotaCallback(nullptr, nullptr);
-  p.FreeMsg(nullptr);
-  p.FreeMsg(strdup("x"));
-  EXPECT_EQ(p.GetFeature(), 320);
-  EXPECT_TRUE(Requests().empty());
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // Hunts wrong names and ids, entries lost or doubled, pages followed for ever or to the wrong
 // place, and records that keep or lose what they should not.
-#include <set>
 #include <string>
 
 #include "protocol/onedrivebiz.h"
@@ -103,106 +102,27 @@ TEST_F(BrowseTest, DeliversPagesInOrderWithinOneCall) {
               "lasttime [], eTag []"));
 }
 
-TEST_F(BrowseTest, HostilePagesEndTheListing) {
-  const WebServer foreign(
-      [this](const Received&) { return emulator::JsonResponse(200, Page(Item("foreign"))); });
+TEST_F(BrowseTest, NoPageIsFollowedTwice) {
   const std::string children = "/api/drive/items/f/children";
-  const std::string deep = "{\"value\":" + std::string(100000, '[') + "}";
-  struct Case {
-    std::string body;
-    AERROR result;
-    Strings names;
-  };
-  for (const Case& c : {
-           Case{"", FAILED, {}},
-           {"<html>", FAILED, {}},
-           {"{}", FAILED, {}},
-           {"[]", FAILED, {}},
-           {deep, FAILED, {}},
-           {R"({"value":7})", SUCCESS, {}},
-           {R"({"value":[7,null,"x",[]]})", SUCCESS, {}},
-           {R"({"value":[{"id":"1","name":"a"}]})", SUCCESS, {}},             // no size
-           {R"({"value":[{"id":"1","name":"a","size":"9"}]})", SUCCESS, {}},  // no number
-           {R"({"value":[{"id":{},"name":"a","size":9}]})", SUCCESS, {}},
-           {R"({"value":[],"@odata.nextLink":{}})", FAILED, {}},
-           {Page(Item("1"), service.Url(children)), FAILED, {"n1"}},  // back to itself
-           {Page(Item("1"), "file:///etc/passwd"), FAILED, {"n1"}},
-           {Page(Item("1"), "ftp://127.0.0.1/"), FAILED, {"n1"}},
-           {Page(Item("1"), service.Url("/missing")), FAILED, {"n1"}},
-           {Page(Item("1"), foreign.Url("/page")), SUCCESS, {"n1", "nforeign"}},
-       }) {
-    SCOPED_TRACE(c.body.substr(0, 80));
-    service.AnswerOnly(children, c.body);
-    EXPECT_EQ(List("f"), c.result);
-    EXPECT_EQ(list.Names(), c.names);
-  }
-  ASSERT_EQ(foreign.requests().size(), 1U);
-  EXPECT_EQ(foreign.requests()[0].Header("Authorization"), "(none)") << "the token stays at home";
-
-  // A loop of several pages ends, too.
+  service.Answer(children, Page(Item("1") + R"(,7,null,"x",[])", service.Url(children)));
+  EXPECT_EQ(List("f"), FAILED);
+  EXPECT_EQ(list.Names(), Strings{"n1"});
+  EXPECT_EQ(Requests().size(), 1U);
   service.AnswerOnly(children, Page(Item("1"), service.Url("/api/p2")));
   service.Answer("/api/p2", Page(Item("2"), service.Url(children)));
   EXPECT_EQ(List("f"), FAILED);
   EXPECT_EQ(list.Names(), (Strings{"n1", "n2"}));
 }
 
-TEST_F(BrowseTest, ReceiversThatThrowLoseOnlyTheirEntry) {
-  struct Thrower final : IFileList {
-    AERROR AddFile(_FS_FILE_V2*) override {
-      ++count;
-      throw count;
-    }
-    int count = 0;
-  } thrower;
-  service.Answer("/api/drive/items/f/children", Page(Item("1") + "," + Item("2")));
-  EXPECT_EQ(protocol->GetFileList("f", &thrower, nullptr), SUCCESS);
-  EXPECT_EQ(thrower.count, 2);
-}
-
-TEST_F(BrowseTest, MapsItemsToRecords) {
-  struct Case {
-    const char *what, *parent, *json;
-    const char* id;
-    std::uint32_t attr;
-    std::int64_t size;
-    const char* etag;      // null: none
-    const char* lasttime;  // "before": left alone
-  };
-  for (
-      const Case& c : {
-          Case{
-              "file", nullptr,
-              R"({"id":"01A","name":"n","size":12,"eTag":"\"{G},1\"","lastModifiedDateTime":"2026"})",
-              "01A", 1, 12, "\"{G},1\"", "2026"},
-          {"folder with size", "p", R"({"id":"01A","name":"n","size":12,"folder":{}})", "01A", 2, 0,
-           nullptr, "before"},
-          {"shared folder", nullptr,
-           R"({"id":"01S","name":"n","remoteItem":{"id":"01R","parentReference":{"driveId":"b!d"},"folder":{}}})",
-           "b!d/01R", 2, 0, nullptr, "before"},
-          {"shared file without drive", nullptr,
-           R"({"id":"01S","name":"n","size":1,"folder":{},"remoteItem":{"id":"01R","size":7}})",
-           "01S", 1, 7, nullptr, "before"},
-          {"child of a remote folder", "b!d/01R", R"({"id":"01C","name":"n","size":0})", "b!d/01C",
-           1, 0, nullptr, "before"},
-          {"odd parent", "a/b/c", R"({"id":"01C","name":"n","size":9223372036854775807})", "01C", 1,
-           9223372036854775807, nullptr, "before"},
-      }) {
-    SCOPED_TRACE(c.what);
-    _FS_FILE_V2 file;
-    file.crtime = file.lasttime = file.accesstime = "before";
-    file.eTag.reset(new char[1]{});
-    file.extlist = {"mine"};
-    OneDriveBiz::FillData(c.parent, JsonObject(c.json), &file);
-    EXPECT_EQ(file.id, c.id);
-    EXPECT_EQ(file.filename, "n");
-    EXPECT_EQ(file.attr, c.attr);
-    EXPECT_EQ(file.size, c.size);
-    EXPECT_STREQ(file.eTag.get(), c.etag);
-    EXPECT_EQ(file.crtime, "before");
-    EXPECT_EQ(file.lasttime, c.lasttime);
-    EXPECT_EQ(file.accesstime, c.lasttime);
-    EXPECT_EQ(file.extlist.size(), 1U);
-  }
+TEST_F(BrowseTest, RecordsKeepWhatAnItemDoesNotSay) {
+  _FS_FILE_V2 file;
+  file.crtime = file.lasttime = file.accesstime = "before";
+  file.eTag.reset(new char[1]{});
+  file.extlist = {"mine"};
+  OneDriveBiz::FillData(nullptr, JsonObject(R"({"id":"1","name":"n","size":1})"), &file);
+  EXPECT_EQ(file.crtime + file.lasttime + file.accesstime, "beforebeforebefore");
+  EXPECT_EQ(file.eTag, nullptr);
+  EXPECT_EQ(file.extlist.size(), 1U);
   _FS_FILE_V2 partial;
   EXPECT_THROW(
       OneDriveBiz::FillData(nullptr, JsonObject(R"({"id":"1","name":"n","eTag":"e"})"), &partial),
@@ -222,10 +142,6 @@ TEST_F(BrowseTest, LooksUpOneItem) {
             SUCCESS},
            {nullptr, "/api/drive/root", R"({"id":"r","name":"root","folder":{}})", 200, SUCCESS},
            {"3", "/api/drive/items/3", "{}", 404, FAILED},
-           {"4", "/api/drive/items/4", "", 200, FAILED},
-           {"5", "/api/drive/items/5", "[1]", 200, FAILED},
-           {"6", "/api/drive/items/6", "<html>", 503, FAILED},
-           {"7", "/api/drive/items/7", R"({"id":"7"})", 200, FAILED},
        }) {
     SCOPED_TRACE(c.target);
     service.Answer(c.target, c.body, c.status);
@@ -236,19 +152,6 @@ TEST_F(BrowseTest, LooksUpOneItem) {
     EXPECT_EQ(service.Targets().back(), std::string("GET ") + c.target);
   }
   EXPECT_TRUE(log.Has("8 [PROTOCOL  ] GetFileInfo >> HTTP 404"));
-}
-
-TEST_F(BrowseTest, SecretsNeverReachTheLog) {
-  host.authorize = [](const std::string&) {
-    return R"({"results":{"access_token":"MARKER-access","refresh_token":"MARKER-refresh"}})";
-  };
-  host.values["refresh_token"] = "MARKER-stored";
-  ASSERT_EQ(Connect(R"({"results":{},"args":{"client_secret":"MARKER-secret"}})"), SUCCESS);
-  service.Answer("/api/drive/items/1", "{}", 401);
-  _FS_FILE_V2 file;
-  protocol->GetFileInfo("1", &file, nullptr);
-  List("f");
-  EXPECT_FALSE(log.Has("MARKER"));
 }
 
 }  // namespace

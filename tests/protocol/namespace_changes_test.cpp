@@ -4,9 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "emulator/service.h"
 #include "protocol/onedrivebiz.h"
-#include "tests/emulator_tokens.h"
 #include "tests/protocol/signed_in_test.h"
 
 namespace {
@@ -129,31 +127,6 @@ TEST_F(NamespaceChangesTest, AskTheServiceForOneChange) {
   }
 }
 
-TEST_F(NamespaceChangesTest, FailuresChangeNothing) {
-  for (const int status : {200, 201, 403, 404, 409, 412, 423, 503, 507}) {
-    // An item without size is none.
-    const char* body = status == 201 ? R"({"id":"2","name":"n"})" : "<html>";
-    service.AnswerOnly("/api/drive/items/1", body, status);
-    service.AnswerOnly("/api/drive/items/1/children", body, status);
-    for (const Operation operation : {kRename, kMove, kMoveDir, kCreate}) {
-      SCOPED_TRACE(std::to_string(status) + " " + std::to_string(operation));
-      Reset("E1");
-      EXPECT_EQ(Run(operation, "1", "t"), FAILED);
-      EXPECT_EQ(file.id + file.filename + file.eTag.get(), "1new \"name\"E1");
-      EXPECT_EQ(Asked().size(), 1U) << "not repeated";
-    }
-    // Where the item has to be looked up first and is not there, nothing is changed at all.
-    Reset(nullptr);
-    for (const Operation operation : {kRename, kMove, kMoveDir, kDelete, kDeleteDirectory}) {
-      EXPECT_EQ(Run(operation, "1", "t"), FAILED);
-      EXPECT_EQ(Asked(), Strings{"GET /api/drive/items/1|(none)|"});
-    }
-  }
-  EXPECT_EQ(Run(kMove, nullptr, "t"), FAILED);
-  EXPECT_EQ(Run(kMoveDir, nullptr, "t"), FAILED);
-  EXPECT_TRUE(Asked().empty());
-}
-
 TEST_F(NamespaceChangesTest, RepeatedRequestsAreTheSame) {
   for (const int status : {401, 429}) service.Answer("/api/drive/items/1", "", status);
   service.Answer("/api/drive/items/1", R"({"id":"1","name":"stored","size":5})");
@@ -206,61 +179,6 @@ TEST_F(NamespaceChangesTest, FolderOperationsGoThroughTheTable) {
   } derived("derived", nullptr);
   EXPECT_EQ(derived.MoveDir("1", "t", &file, nullptr), CANCEL);
   EXPECT_EQ(derived.DeleteDirectory(&file, nullptr), PENDING);
-}
-
-TEST(NamespaceChanges, KeepToTheRulesOfTheService) {
-  emulator::ServiceOptions options;
-  options.tls = options.seed = false;
-  emulator::Service service(options);
-  TestHost host;
-  host.authorize = [&](const std::string& credential) { return TokenReply(service, credential); };
-  const ProtocolPtr p = MakeProtocol(&host);
-  p->SetOpt("service_endpoint", service.ServiceEndpoint().c_str());
-  p->SetOpt("service_resource", service.ServiceResource().c_str());
-  ASSERT_EQ(p->Connect(&host, kCredential), SUCCESS);
-
-  emulator::Drive& drive = service.UserDrive();
-  drive.WriteFile("/a.txt", "a");
-  drive.WriteFile("/b.txt", "b");
-  const auto look = [&](const std::string& path) {
-    _FS_FILE_V2 file;
-    EXPECT_EQ(p->GetFileInfo(drive.FindPath(path)->id.c_str(), &file, nullptr), SUCCESS);
-    return file;
-  };
-  _FS_FILE_V2 folder;
-  folder.filename = "F";
-  ASSERT_EQ(p->CreateDirectory("root", &folder, nullptr), SUCCESS);
-  EXPECT_EQ(folder.attr, 2U);
-  EXPECT_EQ(p->CreateDirectory("root", &folder, nullptr), FAILED) << "409";
-  _FS_FILE_V2 a = look("/a.txt");
-  const _FS_FILE_V2 stale = a;
-  a.filename = "c.txt";
-  EXPECT_EQ(p->MoveDir(a.id.c_str(), folder.id.c_str(), &a, nullptr), SUCCESS);
-  EXPECT_TRUE(drive.FindPath("/F/c.txt").has_value());
-  EXPECT_STREQ(a.eTag.get(), drive.FindPath("/F/c.txt")->ETag().c_str());
-  _FS_FILE_V2 late = stale;
-  late.filename = "late.txt";
-  EXPECT_EQ(p->Rename(late.id.c_str(), "", &late, nullptr), FAILED) << "412";
-  EXPECT_EQ(late.filename, "late.txt");
-  a.filename = "b.txt";
-  EXPECT_EQ(p->Move(a.id.c_str(), nullptr, &a, nullptr), FAILED) << "409 in the root";
-  EXPECT_EQ(p->Rename(a.id.c_str(), "", &a, nullptr), SUCCESS) << "no conflict in the folder";
-  drive.Lock(a.id);
-  EXPECT_EQ(p->Delete(&a, nullptr), FAILED) << "423";
-  drive.Unlock(a.id);
-  service.AddFault(emulator::Fault::Status(412).On("DELETE", a.id));
-  EXPECT_EQ(p->Delete(&a, nullptr), FAILED) << "changed since it was looked up";
-  service.AddFault(emulator::Fault::Status(507).On("PATCH", a.id));
-  a.filename = "d.txt";
-  EXPECT_EQ(p->Move(a.id.c_str(), "", &a, nullptr), FAILED);
-  EXPECT_EQ(p->Move(a.id.c_str(), "", &a, nullptr), SUCCESS);
-  EXPECT_EQ(drive.ReadFile("/d.txt"), "a");
-  a.eTag = stale.eTag;
-  EXPECT_EQ(p->Delete(&a, nullptr), SUCCESS) << "whatever tag the record holds";
-  EXPECT_EQ(p->Delete(&a, nullptr), FAILED);
-  EXPECT_EQ(p->DeleteDirectory(&folder, nullptr), SUCCESS);
-  EXPECT_EQ(drive.ReadFile("/b.txt"), "b") << "nothing else was touched";
-  EXPECT_TRUE(service.UnfiredFaults().empty());
 }
 
 }  // namespace

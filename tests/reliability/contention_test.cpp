@@ -19,15 +19,16 @@
 #include "tests/emulator_tokens.h"
 #include "tests/fake_time.h"
 #include "tests/log_recorder.h"
-#include "tests/test_host.h"
-#include "tests/web_server.h"
+#include "tests/reliability/small_drive.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using small_drive::Look;
+using small_drive::Operation;
+using small_drive::Operations;
 
 constexpr auto kGivingUp = 30s;  // of what would otherwise hang for ever
-constexpr std::int64_t kLarge = 104857600;
 
 /// Stops one passer-by until it is opened.
 class Gate {
@@ -88,27 +89,11 @@ class GatedService {
     return Answer(request);
   }
   emulator::Response Answer(const Received& request) {
-    const auto ends = [&](std::string_view ending) { return request.target.ends_with(ending); };
-    const std::string item = R"({"id":"item","name":"n","eTag":"e","size":)" +
-                             std::to_string(ends("/session") ? kLarge : 7) + "}";
-    if (ends("/guarded") && request.Header("Authorization") != "Bearer new") {
+    if (request.target.ends_with("/guarded") && request.Header("Authorization") != "Bearer new") {
       ++refused;
       return emulator::JsonResponse(401, "{}");
     }
-    if (ends(".createSession")) {
-      return emulator::JsonResponse(
-          200, R"({"expirationDateTime":"x","uploadUrl":")" + server_.Url("/session") + "\"}");
-    }
-    if (request.method == "DELETE") return emulator::EmptyResponse(204);
-    if (ends("/drive")) {
-      return emulator::JsonResponse(200, R"({"owner":{"user":{"displayName":"R"}},)"
-                                         R"("quota":{"total":9,"remaining":2}})");
-    }
-    if (request.method == "GET" && ends("/children")) {
-      return emulator::JsonResponse(200, "{\"value\":[" + item + "]}");
-    }
-    if (request.method == "GET" && ends("/content")) return emulator::JsonResponse(200, "content");
-    return emulator::JsonResponse(200, item);
+    return small_drive::Answer(request, server_.Url("/session"));
   }
 
   std::mutex mutex_;
@@ -116,90 +101,6 @@ class GatedService {
   std::string ending_;
   WebServer server_{[this](const Received& request) { return Serve(request); }};
 };
-
-/// A file that is one byte over and over: another for each thread.
-struct Content final : ICacheIO, IFetchCallback {
-  explicit Content(char filling = 'c') : byte(filling) {}
-
-  int ReadCache(_CACHEIO_REQUEST* request) override {
-    std::memset(request->buffer, byte, request->length);
-    request->done = request->length;
-    return 0;
-  }
-  AERROR OnFetch(std::int64_t, const char* data, std::int64_t length, int) override {
-    fetched.append(data, static_cast<std::size_t>(length));
-    return SUCCESS;
-  }
-  const char byte;
-  std::string fetched;
-};
-
-AERROR Look(IProtocol_V2& p, const char* id) {
-  _FS_FILE_V2 file;
-  return p.GetFileInfo(id, &file, nullptr);
-}
-
-AERROR Upload(IProtocol_V2& p, std::int64_t size) {
-  Content content;
-  _FS_FILE_V2 file;
-  file.filename = "n";
-  file.size = size;
-  return p.Upload("item", std::make_shared<_FS_HANDLE>(), &content, &file, {}, nullptr);
-}
-
-struct Operation {
-  const char* name;
-  const char* method;  // of its last request, and the end of its target
-  const char* ending;
-  AERROR (*run)(IProtocol_V2& p);
-};
-
-const std::vector<Operation>& Operations() {
-  static const std::vector<Operation> all = {
-      {"GetQuota", "GET", "/drive",
-       [](IProtocol_V2& p) {
-         std::uint64_t bytes = 0;
-         return p.GetQuota(&bytes, &bytes);
-       }},
-      {"GetFileList", "GET", "/children",
-       [](IProtocol_V2& p) {
-         FileCollector list;
-         return p.GetFileList("item", &list, nullptr);
-       }},
-      {"GetFileInfo", "GET", "/item", [](IProtocol_V2& p) { return Look(p, "item"); }},
-      {"Rename", "PATCH", "/item",
-       [](IProtocol_V2& p) {
-         _FS_FILE_V2 file;
-         return p.Rename("item", "", &file, nullptr);
-       }},
-      {"Move", "PATCH", "/item",
-       [](IProtocol_V2& p) {
-         _FS_FILE_V2 file;
-         return p.MoveDir("item", "root", &file, nullptr);
-       }},
-      {"CreateDirectory", "POST", "/children",
-       [](IProtocol_V2& p) {
-         _FS_FILE_V2 file;
-         return p.CreateDirectory("item", &file, nullptr);
-       }},
-      {"Delete", "DELETE", "/item",
-       [](IProtocol_V2& p) {
-         _FS_FILE_V2 file;
-         file.id = "item";
-         return p.Delete(&file, nullptr);
-       }},
-      {"Read", "GET", "/content",
-       [](IProtocol_V2& p) {
-         Content content;
-         return p.Read("item", 0, 7, std::make_shared<_FS_HANDLE>(), &content, nullptr);
-       }},
-      {"Upload", "PUT", "/content", [](IProtocol_V2& p) { return Upload(p, 7); }},
-      {"Upload session", "POST", ".createSession",
-       [](IProtocol_V2& p) { return Upload(p, kLarge); }},
-      {"Upload chunk", "PUT", "/session", [](IProtocol_V2& p) { return Upload(p, kLarge); }},
-  };
-  return all;
-}
 
 class StallTest : public ::testing::Test {
  protected:
@@ -326,7 +227,7 @@ class Worker {
     folder.filename = name;
     Insist([&] { return p_.CreateDirectory("root", &folder, nullptr); });
     const auto handle = std::make_shared<_FS_HANDLE>();
-    Content content(static_cast<char>('a' + number_));
+    FilledContent content(static_cast<char>('a' + number_));
     _FS_FILE_V2 file;
     file.filename = "before";
     file.size = size;
@@ -364,9 +265,10 @@ class Worker {
 
  private:
   void Insist(const std::function<AERROR()>& operation) {
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 100; ++i) {
       if (operation() == SUCCESS) return;
       ++refused_;
+      std::this_thread::sleep_for(10ms);
     }
     ADD_FAILURE() << "refused for good";
   }
@@ -411,8 +313,9 @@ TEST(Contention, EverythingOnOneObjectWhileTokensExpireAndOthersEnd) {
     for (int round = 0; left > 0; ++round) {
       connected(others);  // and released
       if (round % 4 == 0) {
-        time.Advance(2);
+        // In this order: tokens renewed in between would be refused until the next time.
         service.ExpireAccessTokens();
+        time.Advance(2);
       }
     }
     for (std::thread& thread : threads) thread.join();

@@ -103,13 +103,10 @@ AERROR Rename(Rig& rig) {
   return OnRecord(rig, "", tag,
                   [](auto& drive, auto* file) { return drive.Rename("i", "n", file, nullptr); });
 }
+template <bool tag>
 AERROR Move(Rig& rig) {
-  return OnRecord(rig, "", true,
+  return OnRecord(rig, "", tag,
                   [](auto& drive, auto* file) { return drive.Move("i", "f", file, nullptr); });
-}
-AERROR MoveDir(Rig& rig) {
-  return OnRecord(rig, "", true,
-                  [](auto& drive, auto* file) { return drive.MoveDir("i", "f", file, nullptr); });
 }
 AERROR CreateDirectory(Rig& rig) {
   return OnRecord(rig, "", false, [](auto& drive, auto* file) {
@@ -119,10 +116,6 @@ AERROR CreateDirectory(Rig& rig) {
 AERROR Delete(Rig& rig) {
   return OnRecord(rig, "i", false,
                   [](auto& drive, auto* file) { return drive.Delete(file, nullptr); });
-}
-AERROR DeleteDirectory(Rig& rig) {
-  return OnRecord(rig, "i", false,
-                  [](auto& drive, auto* file) { return drive.DeleteDirectory(file, nullptr); });
 }
 
 AERROR Read(Rig& rig) {
@@ -142,13 +135,7 @@ AERROR Read(Rig& rig) {
 
 template <std::int64_t size>
 AERROR Upload(Rig& rig) {
-  struct Cache final : ICacheIO {
-    int ReadCache(_CACHEIO_REQUEST* request) override {
-      std::memset(request->buffer, 'u', request->length);
-      request->done = request->length;
-      return 0;
-    }
-  } cache;
+  FilledContent cache;
   return OnRecord(rig, "", false, [&](auto& drive, auto* file) {
     file->size = size;
     return drive.Upload("f", std::make_shared<_FS_HANDLE>(), &cache, file, {}, nullptr);
@@ -198,8 +185,9 @@ const std::vector<Operation>& Operations() {
        kUntouched, item},
       {"Rename", "PATCH /api/drive/items/i", kItem, FAILED, 0, false, Rename<true>, "|n|5|E0|||0",
        item},
-      {"Move", "PATCH /api/drive/items/i", kItem, FAILED, 0, false, Move, "|n|5|E0|||0", item},
-      {"MoveDir", "PATCH /api/drive/items/i", kItem, FAILED, 0, false, MoveDir, "|n|5|E0|||0",
+      {"Move: lookup", "GET /api/drive/items/i", kItem, FAILED, 0, false, Move<false>, kUntouched,
+       item},
+      {"Move", "PATCH /api/drive/items/i", kItem, FAILED, 0, false, Move<true>, "|n|5|E0|||0",
        item},
       {"CreateDirectory", "POST /api/drive/items/f/children", kItem, FAILED, 0, false,
        CreateDirectory, kUntouched, item},
@@ -207,8 +195,6 @@ const std::vector<Operation>& Operations() {
        "i|n|5||||0"},
       {"Delete", "DELETE /api/drive/items/i", kNone, FAILED, 1, false, Delete, "i|n|5||||0",
        "i|n|5||||0"},
-      {"DeleteDirectory", "DELETE /api/drive/items/i", kNone, FAILED, 1, false, DeleteDirectory,
-       "i|n|5||||0", "i|n|5||||0"},
       {"Read", "GET /api/drive/items/i/content", kBytes, FAILED, 0, false, Read, "",
        std::string(kReadLength, 'c')},
       {"Upload", "PUT /api/drive/items/f:/n:/content", kItem, FAILED, 0, false, Upload<5>,

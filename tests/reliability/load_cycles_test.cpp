@@ -2,8 +2,6 @@
 // code that is still running when it is unmapped. The program itself has no libcurl, so that comes
 // and goes with the module.
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -14,7 +12,7 @@
 #include <unistd.h>
 
 #include "emulator/service.h"
-#include "module/entry_points.h"
+#include "tests/test_host.h"
 #include "tests/web_server.h"
 
 namespace {
@@ -28,19 +26,10 @@ constexpr int kCycles = 1000;
 #endif
 constexpr int kWarmUp = kCycles / 5;
 
-class Host final : public IProtocolManager, public IProtocolAuth, public ILog {
- public:
-  AERROR GetPID(const char*, char*, int*) override { return SUCCESS; }
-  AERROR SetValue(const char*, const char*, const char*) override { return SUCCESS; }
-  AERROR GetValue(const char*, const char*, char*, int*) override { return SUCCESS; }
-  char* Authorize(IProtocol_V2*, const char*) override {
-    return strdup(R"({"results":{"access_token":"A","refresh_token":"R"}})");
-  }
-  void FreeResult(char* text) override { std::free(text); }
+struct Log final : ILog {
   void HostReserved() override {}
   bool IsDetailed() override { return true; }
   void Write(LOGLEVEL, const char*, std::va_list) override { ++lines; }
-
   int lines = 0;
 };
 
@@ -79,15 +68,18 @@ class Server {
   emulator::HttpServer server_;
 };
 
-void Cycle(const std::string& endpoint, Host& host) {
+template <typename Function>
+Function* Symbol(void* module, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(module, name));
+}
+
+void Cycle(const std::string& endpoint, Log& log) {
+  TestHost host;
   void* module = dlopen(MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(module, nullptr);
-  const auto function = [module](auto* type, const char* name) {
-    return reinterpret_cast<decltype(type)>(dlsym(module, name));
-  };
-  function(&BindLogger, "BindLogger")(&host);
+  Symbol<decltype(BindLogger)>(module, "BindLogger")(&log);
   IProtocol_V2* protocol = nullptr;
-  ASSERT_TRUE(function(&GetProtocol, "GetProtocol")("n", &host, &protocol));
+  ASSERT_TRUE(Symbol<decltype(GetProtocol)>(module, "GetProtocol")("n", &host, &protocol));
   protocol->SetOpt("service_endpoint", endpoint.c_str());
   protocol->SetOpt("service_resource", "r");
   ASSERT_EQ(protocol->Connect(&host, "{}"), SUCCESS);
@@ -95,7 +87,7 @@ void Cycle(const std::string& endpoint, Host& host) {
   ASSERT_EQ(protocol->GetFileInfo("1", &file, nullptr), SUCCESS);
   ASSERT_EQ(file.filename, "n");
   protocol->Release();
-  function(&UnbindLogger, "UnbindLogger")();
+  Symbol<decltype(UnbindLogger)>(module, "UnbindLogger")();
   dlclose(module);
 }
 
@@ -104,10 +96,10 @@ TEST(LoadCycles, LoseNothing) {
   options.tls = emulator::MakeServerIdentity("localhost");
   const TrustedAuthority trusted(options.tls->authority_pem);
   const Server server(options);
-  Host host;
-  for (int i = 0; i < kWarmUp; ++i) Cycle(server.Endpoint(), host);
+  Log log;
+  for (int i = 0; i < kWarmUp; ++i) Cycle(server.Endpoint(), log);
   const Used before = Measure();
-  for (int i = kWarmUp; i < kCycles; ++i) Cycle(server.Endpoint(), host);
+  for (int i = kWarmUp; i < kCycles; ++i) Cycle(server.Endpoint(), log);
   const Used after = Measure();
   std::printf("%d cycles: resident %ld to %ld KiB, descriptors %td to %td, threads %td to %td\n",
               kCycles - kWarmUp, before.resident, after.resident, before.descriptors,
@@ -118,7 +110,7 @@ TEST(LoadCycles, LoseNothing) {
 #if !defined(__SANITIZE_ADDRESS__)
   EXPECT_LT(after.resident - before.resident, 640) << "KiB";
 #endif
-  EXPECT_GT(host.lines, kCycles);
+  EXPECT_GT(log.lines, kCycles);
 }
 
 }  // namespace

@@ -18,15 +18,12 @@
 
 #include "tests/fake_time.h"
 #include "tests/log_recorder.h"
-#include "tests/test_host.h"
-#include "tests/web_server.h"
+#include "tests/reliability/small_drive.h"
 #include "transport/onedrivebiz_curl.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::int64_t kLarge = 104857600;  // goes through an upload session
 
 // Every secret holds this word, and nothing else does. Real tokens are longer than a message; the
 // value store reads 1024 bytes.
@@ -165,25 +162,10 @@ class EchoService {
                              Url("/api") + "\"}]}");
     }
     if (has("/download")) return Answer(200, "content");
-    const bool session = has("/session");
-    const std::string item = R"({"id":"item","name":"n","eTag":"e","size":)" +
-                             std::to_string(session ? kLarge : 7) + "}";
-    if (session) return Answer(201, item);
-    if (has("createSession")) {
-      return Answer(
-          200, R"({"expirationDateTime":"x","uploadUrl":")" + Url("/session" + kQuery) + "\"}");
-    }
-    if (request.method == "DELETE") return emulator::EmptyResponse(204);
     if (request.method == "GET" && has("/content")) {
       return Answer(302, "", {{"Location", Url("/download" + kQuery)}});
     }
-    if (request.method == "GET" && has("/children"))
-      return Answer(200, "{\"value\":[" + item + "]}");
-    if (request.target.ends_with("/drive")) {
-      return Answer(200, R"({"owner":{"user":{"displayName":"R"}},"quota":{"total":9,)"
-                         R"("remaining":2}})");
-    }
-    return Answer(200, item);
+    return small_drive::Answer(request, Url("/session" + kQuery));
   }
 
   std::mutex mutex_;
@@ -191,16 +173,6 @@ class EchoService {
   std::string part_;
   int met_ = 0;
   WebServer server_{[this](const Received& request) { return Serve(request); }};
-};
-
-class Content final : public ICacheIO, public IFetchCallback {
- public:
-  int ReadCache(_CACHEIO_REQUEST* request) override {
-    std::memset(request->buffer, 'c', request->length);
-    request->done = request->length;
-    return 0;
-  }
-  AERROR OnFetch(std::int64_t, const char*, std::int64_t, int) override { return SUCCESS; }
 };
 
 class ModuleSecretsTest : public ::testing::Test {
@@ -224,27 +196,12 @@ class ModuleSecretsTest : public ::testing::Test {
   }
   void RunAll(IProtocol_V2& p) {
     time.Advance(std::chrono::hours(2));  // renewals and quota are due
-    Content content;
-    FileCollector list;
-    const auto handle = std::make_shared<_FS_HANDLE>();
-    p.GetQuota(nullptr, nullptr);
-    p.GetFileList("item", &list, nullptr);
-    p.GetFileList("shared", &list, nullptr);
-    for (const std::int64_t size : {std::int64_t{7}, kLarge}) {
-      _FS_FILE_V2 file;
-      file.id = "item";
-      file.filename = "n";
-      file.size = size;
-      p.Upload("item", handle, &content, &file, {}, nullptr);
-      p.GetFileInfo("item", &file, nullptr);
+    for (const small_drive::Operation& operation : small_drive::Operations()) {
+      // The one before it has sent its part, too.
+      if (operation.ending != std::string("/session")) operation.run(p);
     }
-    _FS_FILE_V2 file;
-    file.id = "item";
-    p.Rename("item", "", &file, nullptr);
-    p.Move("item", "", &file, nullptr);
-    p.CreateDirectory("item", &file, nullptr);
-    p.Read("item", 0, 7, handle, &content, nullptr);
-    p.Delete(&file, nullptr);
+    FileCollector list;
+    p.GetFileList("shared", &list, nullptr);
     std::array<char, 4096> text;
     int length = 4095;
     p.GetCredential(text.data(), &length);
@@ -329,7 +286,7 @@ class ProgramSecretsTest : public ::testing::Test {
     std::ofstream(folder / "Frameworks/service.json") << service.ServiceFile();
     std::ofstream(folder / "work/small") << "content";
     std::ofstream(folder / "work/large") << "";
-    fs::resize_file(folder / "work/large", kLarge);
+    fs::resize_file(folder / "work/large", small_drive::kLarge);
   }
   ~ProgramSecretsTest() override { fs::remove_all(folder); }
 
