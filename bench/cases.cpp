@@ -46,8 +46,8 @@ std::vector<Case> ThreadCases(std::int64_t threads, std::int64_t calls, std::int
 }  // namespace
 
 const std::vector<Side>& Sides() {
-  static const std::vector<std::string> kBuffers = {"receive_buffer=524288",
-                                                    "upload_buffer=2097152"};
+  static const std::vector<std::string> kBuffers = {"receive_buffer=262144",
+                                                    "upload_buffer=262144"};
   static const std::vector<Side> sides = {
       {"module", "module", "bench_module", {}},
       {"bare", "libcurl, best buffers", "bench_bare", kBuffers},

@@ -17,9 +17,9 @@ constexpr long kLowSpeedTime = 20;  // seconds
 constexpr long kMaxRedirects = 32;
 constexpr int kSendBuffer = 1 << 20;
 
-// Bytes per system call. libcurl's own 16 and 64 KiB cost a transfer up to half of its speed.
-constexpr long long kReceiveBuffer = 512 << 10;
-constexpr long long kUploadBuffer = 2 << 20;
+// Bytes per system call. Smaller ones cost calls, larger ones no longer fit the processor's cache.
+constexpr long long kReceiveBuffer = 256 << 10;
+constexpr long long kUploadBuffer = 256 << 10;
 
 // libcurl takes up to so many receive buffers, or one upload buffer, before it looks at the speed
 // limit. Then it waits, and with more than a second's worth it waits until the transfer counts as

@@ -11,6 +11,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 
 #include <curl/curl.h>
@@ -145,6 +146,7 @@ class CURLImpl {
  private:
   template <typename T>
   static std::string Written(const T& value) {
+    if constexpr (std::is_convertible_v<T, std::string>) return value;
     std::ostringstream text;
     text << value;
     return text.str();
