@@ -102,6 +102,12 @@ TEST_F(BrowseTest, DeliversPagesInOrderWithinOneCall) {
               "lasttime [], eTag []"));
 }
 
+TEST_F(BrowseTest, AHugePageIsDeliveredLikeAnyOther) {
+  service.Answer("/api/drive/items/f/children", std::string(17 << 20, ' ') + Page(Item("one")));
+  EXPECT_EQ(List("f"), SUCCESS);
+  EXPECT_EQ(list.Names(), Strings{"none"});
+}
+
 TEST_F(BrowseTest, NoPageIsFollowedTwice) {
   const std::string children = "/api/drive/items/f/children";
   service.Answer(children, Page(Item("1") + R"(,7,null,"x",[])", service.Url(children)));
