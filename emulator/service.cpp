@@ -259,7 +259,7 @@ std::string Service::DiscoveryUrl() const { return Origin() + "/discovery/v2.0/m
 std::string Service::DiscoveryResource() const { return Origin() + "/discovery/"; }
 std::string Service::ServiceEndpoint() const { return Origin() + kEndpointPath; }
 std::string Service::ServiceResource() const { return Origin() + "/"; }
-std::string Service::ClientId() { return kClientId; }
+std::string Service::ClientId() const { return kClientId; }
 
 const std::string& Service::CertificateAuthorityPem() const {
   static const std::string none;

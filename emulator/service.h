@@ -57,7 +57,7 @@ class Service {
   std::string DiscoveryResource() const;
   std::string ServiceEndpoint() const;  // without a slash at the end
   std::string ServiceResource() const;
-  static std::string ClientId();
+  std::string ClientId() const;
   /// What a client has to trust; empty without TLS.
   const std::string& CertificateAuthorityPem() const;
 
