@@ -13,7 +13,7 @@
 
 #include "module/export.h"
 
-/// The fields as they stand; "" for null: local fields come out as local wall time with a "Z".
+/// The fields as they stand: local fields come out as local wall time with a "Z". "" for null.
 ONEDRIVE4B_EXPORT std::string TMToRFC3339(std::tm* time);
 
 /// UTC text of a local time, which is normalised in place (mktime).

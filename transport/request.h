@@ -146,7 +146,7 @@ class CURLImpl {
  private:
   template <typename T>
   static std::string Written(const T& value) {
-    if constexpr (std::is_convertible_v<T, std::string>) return value;
+    if constexpr (std::is_same_v<T, std::string>) return value;
     std::ostringstream text;
     text << value;
     return text.str();

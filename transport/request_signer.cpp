@@ -14,8 +14,7 @@ void CURLAuth::SetAuth(JsonObject& auth) {
   const std::vector<std::string> names = results.GetKeys();
   if (std::find(names.begin(), names.end(), "access_token") == names.end()) return;
   const std::string token = TextAt(results, "access_token");
-  // A header with a line break is never sent, so this token would never meet the 401 that renews
-  // it.
+  // A header with a line break is never sent, so no 401 would ever renew this token.
   if (token.find_first_of("\r\n") != std::string::npos) return;
   AddHeader("Authorization", ("Bearer " + token).c_str());
 }
