@@ -13,7 +13,7 @@ namespace onedrive4b {
 namespace {
 
 // A child of a folder in another drive is in that drive, too.
-std::string ChildId(const char* parent, const std::string& id) {
+std::string ChildId(const char* parent, std::string id) {
   if (OneDriveBiz::IsRemoteFile(parent)) {
     const std::vector<std::string_view> pieces = SplitAtSlash(parent);
     if (pieces.size() == 2) return std::string(pieces[0]).append("/").append(id);
@@ -22,16 +22,17 @@ std::string ChildId(const char* parent, const std::string& id) {
 }
 
 std::shared_ptr<char[]> CopyOf(const std::string& text) {
-  std::shared_ptr<char[]> copy(new char[text.size() + 1]);
+  auto copy = std::make_shared<char[]>(text.size() + 1);
   std::memcpy(copy.get(), text.c_str(), text.size() + 1);
   return copy;
 }
 
 // An item shared from another drive: its id there. Without drive the id stays as it was.
-void TakeRemoteId(JsonObject& remote, std::string& id) {
-  if (!remote.HasObject("/parentReference") || !remote.HasObject("/id")) return;
-  const JsonObject parent = remote.GetObject("/parentReference");
-  if (parent.HasObject("/driveId")) id = TextAt(parent, "/driveId") + "/" + TextAt(remote, "/id");
+void TakeRemoteId(const JsonObject& remote, std::string& id) {
+  const auto remote_id = remote.FindObject("/id");
+  if (!remote_id) return;
+  const auto drive = remote.FindObject("/parentReference/driveId");
+  if (drive) id = TextOf(*drive) + "/" + TextOf(*remote_id);
 }
 
 void TakeKindAndSize(const JsonObject& item, _FS_FILE_V2& file) {
@@ -50,16 +51,15 @@ void OneDriveBiz::FillData(const char* parentId, JsonObject item, _FS_FILE_V2* f
   file->id = ChildId(parentId, TextAt(item, "/id"));
   file->filename = TextAt(item, "/name");
   file->eTag.reset();
-  if (item.HasObject("eTag")) file->eTag = CopyOf(TextAt(item, "/eTag"));
-  if (item.HasObject("/createdDateTime")) file->crtime = TextAt(item, "/createdDateTime");
-  if (item.HasObject("/lastModifiedDateTime")) {
-    file->lasttime = TextAt(item, "/lastModifiedDateTime");
+  if (const auto tag = item.FindObject("/eTag")) file->eTag = CopyOf(TextOf(*tag));
+  if (const auto created = item.FindObject("/createdDateTime")) file->crtime = TextOf(*created);
+  if (const auto modified = item.FindObject("/lastModifiedDateTime")) {
+    file->lasttime = TextOf(*modified);
     file->accesstime = file->lasttime;
   }
-  if (item.HasObject("remoteItem")) {
-    JsonObject remote = item.GetObject("remoteItem");
-    TakeRemoteId(remote, file->id);
-    TakeKindAndSize(remote, *file);
+  if (const auto remote = item.FindObject("remoteItem")) {
+    TakeRemoteId(*remote, file->id);
+    TakeKindAndSize(*remote, *file);
   } else {
     TakeKindAndSize(item, *file);
   }

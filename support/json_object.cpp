@@ -84,6 +84,12 @@ JsonObject JsonObject::GetObject(const char* path) const {
   return JsonObject(*value);
 }
 
+std::optional<JsonObject> JsonObject::FindObject(const char* path) const {
+  Json::Value* value = Find(path);
+  if (value == nullptr) return std::nullopt;
+  return std::optional<JsonObject>(std::in_place, *value);
+}
+
 bool JsonObject::HasObject(const char* path) const { return Find(path) != nullptr; }
 
 JsonObject JsonObject::operator[](const char* key) { return JsonObject((*target)[key]); }

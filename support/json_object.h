@@ -11,6 +11,7 @@
 // Not locked: a tree and its views belong to one thread at a time.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,8 @@ class JsonObject {
   /// View of the member at `path`: names separated by "/", empty ones skipped, digits are names
   /// too. Throws ACCESS_VIOLATION when one is missing.
   JsonObject GetObject(const char* path) const;
+  /// What GetObject gives; nothing when a member is missing.
+  std::optional<JsonObject> FindObject(const char* path) const;
   /// Whether GetObject would find it.
   bool HasObject(const char* path) const;
 
@@ -99,9 +102,12 @@ class JsonObject {
   Json::Value root;     // null in a view
 };
 
+/// Text of the value. Throws as the conversion does.
+inline std::string TextOf(const JsonObject& value) { return static_cast<std::string>(value); }
+
 /// Text of the member at `path`. Throws as GetObject and the conversion do.
 inline std::string TextAt(const JsonObject& object, const char* path) {
-  return static_cast<std::string>(object.GetObject(path));
+  return TextOf(object.GetObject(path));
 }
 
 }  // namespace onedrive4b

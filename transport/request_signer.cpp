@@ -9,11 +9,11 @@ CURLAuth::CURLAuth(JsonObject& auth) { CURLAuth::SetAuth(auth); }
 
 void CURLAuth::SetAuth(JsonObject& auth) {
   const std::lock_guard guard(lock);
-  if (!auth.HasObject("/results")) return;
-  const JsonObject results = auth.GetObject("/results");
-  const std::vector<std::string> names = results.GetKeys();
+  const auto results = auth.FindObject("/results");
+  if (!results) return;
+  const std::vector<std::string> names = results->GetKeys();
   if (std::find(names.begin(), names.end(), "access_token") == names.end()) return;
-  const std::string token = TextAt(results, "access_token");
+  const std::string token = TextAt(*results, "access_token");
   // A header with a line break is never sent, so no 401 would ever renew this token.
   if (token.find_first_of("\r\n") != std::string::npos) return;
   AddHeader("Authorization", ("Bearer " + token).c_str());

@@ -64,9 +64,13 @@ TEST(JsonObject, FollowsPaths) {
   EXPECT_EQ(TextAt(document, "/@odata.nextLink"), "n");
   EXPECT_EQ(TextAt(document, "0"), "digit");
   EXPECT_TRUE(document.HasObject(""));
+  const auto found = document.FindObject("/results");
+  ASSERT_TRUE(found.has_value());
+  EXPECT_EQ(TextAt(*found, "refresh_token"), "t");
   EXPECT_EQ(document.GetObject("/").ToText(), document.ToText());
   for (const char* path : {"/results/access", "missing/deeper", "/n/x"}) {
     EXPECT_FALSE(document.HasObject(path)) << path;
+    EXPECT_FALSE(document.FindObject(path).has_value()) << path;
     EXPECT_EQ(ThrownBy([&] { document.GetObject(path); }), ACCESS_VIOLATION) << path;
   }
   EXPECT_THROW(document.GetObject("/value/0"), Json::LogicError);
