@@ -15,9 +15,9 @@ namespace {
 
 constexpr long kListingLowSpeedTimeout = 60;  // seconds
 
-// A parsed page takes several times its text, in small blocks that the allocator keeps for later.
-// To give them back takes half as long as the parse: worth it for pages far beyond the service's.
-constexpr std::uint32_t kLargePage = 16 << 20;
+// A parsed page takes five times its text, in small blocks that the allocator keeps for later. To
+// give them back takes longer than the pages that the service sends are worth.
+constexpr std::uint32_t kLargePage = 4 << 20;
 
 constexpr std::string_view kSharedId = "shared";
 
@@ -38,8 +38,9 @@ class PageReader {
       for (auto index = static_cast<int>(entries.GetArraySize()); index-- > 0;) {
         Deliver(entries, index);
       }
-      if (!page.HasObject("@odata.nextLink")) return SUCCESS;
-      url_ = TextAt(page, "@odata.nextLink");
+      const auto next = page.FindObject("@odata.nextLink");
+      if (!next) return SUCCESS;
+      url_ = TextOf(*next);
     } catch (...) {
       return FAILED;
     }
