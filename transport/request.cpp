@@ -216,8 +216,9 @@ std::string CURLImpl::BuildQueryString(bool escape) const {
 curl_slist* CURLImpl::BuildHeader() const {
   curl_slist* list = nullptr;
   for (const auto& [name, value] : headers) {
-    std::string line = name;
-    line.append(": ").append(value);
+    std::string line;
+    line.reserve(name.size() + 2 + value.size());
+    line.append(name).append(": ").append(value);
     curl_slist* longer = curl_slist_append(list, line.c_str());
     if (longer == nullptr) {
       curl_slist_free_all(list);

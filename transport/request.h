@@ -13,6 +13,7 @@
 #include <string>
 #include <type_traits>
 #include <unordered_map>
+#include <utility>
 
 #include <curl/curl.h>
 
@@ -20,9 +21,9 @@
 #include "transport/easy_option.h"
 #include "transport/transfer_result.h"
 
-namespace onedrive4b {
+struct evbuffer;
 
-struct CollectedResponse;
+namespace onedrive4b {
 
 /// What libcurl's progress data points at: whom to tell, and whose speed to ask.
 struct ProgressBinding {
@@ -80,12 +81,12 @@ class CURLImpl {
   /// The value as `<<` writes it. Keys are never escaped, values always.
   template <typename T>
   void AddQuery(const char* key, T value) {
-    query[key] = Written(value);
+    query[key] = Written(std::move(value));
   }
   /// A name or value with CR, LF or NUL makes the transfer fail before anything is sent.
   template <typename T>
   void AddHeader(const char* name, T value) {
-    headers[name] = Written(value);
+    headers[name] = Written(std::move(value));
   }
   std::unordered_map<std::string, std::string> GetQuery() const { return query; }
   std::unordered_map<std::string, std::string> GetHeader() const { return headers; }
@@ -145,7 +146,7 @@ class CURLImpl {
 
  private:
   template <typename T>
-  static std::string Written(const T& value) {
+  static std::string Written(T value) {
     if constexpr (std::is_same_v<T, std::string>) return value;
     std::ostringstream text;
     text << value;
@@ -162,7 +163,7 @@ class CURLImpl {
   void Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback report);
   bool HeadersCanBeSent() const;
   std::string BuildURL() const;
-  _CURLRTN Run(const char* natural_method, CollectedResponse* response);
+  _CURLRTN Run(const char* natural_method, evbuffer* collected);
 };
 
 // Callbacks with libcurl's signatures. None lets an exception into libcurl.

@@ -40,7 +40,10 @@ std::shared_ptr<char[]> AllocateBlock(std::size_t size) {
 }
 
 bool CanStandInHeader(std::string_view text) {
-  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+  // One search each: for a set of characters the library looks at them one by one.
+  constexpr std::string_view kForbidden("\r\n\0", 3);
+  return std::ranges::none_of(
+      kForbidden, [&](char character) { return text.find(character) != std::string_view::npos; });
 }
 
 _CURLRTN WithoutHandle() {
@@ -64,39 +67,36 @@ class HeaderLines {
     if (line.starts_with("HTTP/")) lines->in_block_ = true;
     if (!lines->in_block_) return line.size();
     if (line == "\r\n" || line == "\n") lines->in_block_ = false;
-    return lines->kept_ != nullptr ? write_callback_ev_func(data, size, count, lines->kept_)
-                                   : line.size();
+    if (lines->kept_ == nullptr) return line.size();
+    lines->kept_length_ += line.size();
+    return write_callback_ev_func(data, size, count, lines->kept_);
   }
+
+  std::size_t kept_length() const { return kept_length_; }
 
   /// The answer ended before its header block did. libcurl takes that for an answer without body.
   bool broken_off() const { return in_block_; }
 
  private:
   evbuffer* kept_;
+  std::size_t kept_length_ = 0;
   bool in_block_ = false;
 };
 
-// A response as it arrives. Header blocks and body are kept apart: libcurl could put both into one
-// stream (CURLOPT_HEADER), but versions differ in whether the trailer lines of a chunked body get
-// there, too. They belong to neither part.
-struct CollectedResponse {
-  void MoveInto(_CURLRTN& result) const {
-    result.headerlen = static_cast<std::uint32_t>(evbuffer_get_length(headers.get()));
-    result.bodylen = static_cast<std::uint32_t>(evbuffer_get_length(body.get()));
-    if (result.headerlen != 0) {
-      result.header = AllocateBlock(result.headerlen + 1);
-      result.header[result.headerlen] = '\0';
-      evbuffer_remove(headers.get(), result.header.get(), result.headerlen);
-    }
-    if (result.bodylen != 0) {
-      result.body = AllocateBlock(result.bodylen);
-      evbuffer_remove(body.get(), result.body.get(), result.bodylen);
-    }
+// Cuts a response into its header blocks, `header_length` bytes, and the body behind them.
+void Split(evbuffer* response, std::size_t header_length, _CURLRTN& result) {
+  result.headerlen = static_cast<std::uint32_t>(header_length);
+  result.bodylen = static_cast<std::uint32_t>(evbuffer_get_length(response) - header_length);
+  if (result.headerlen != 0) {
+    result.header = AllocateBlock(result.headerlen + 1);
+    result.header[result.headerlen] = '\0';
+    evbuffer_remove(response, result.header.get(), result.headerlen);
   }
-
-  Evbuffer headers = NewEvbuffer();
-  Evbuffer body = NewEvbuffer();
-};
+  if (result.bodylen != 0) {
+    result.body = AllocateBlock(result.bodylen);
+    evbuffer_remove(response, result.body.get(), result.bodylen);
+  }
+}
 
 bool CURLImpl::HeadersCanBeSent() const {
   return std::all_of(headers.begin(), headers.end(), [](const auto& header) {
@@ -110,9 +110,12 @@ std::string CURLImpl::BuildURL() const {
   return url + (url.find('?') == std::string::npos ? '?' : '&') + parameters;
 }
 
-// What all transfers share, once URL, body source and stream functions are set. `response` is null
-// when the caller streams the body.
-_CURLRTN CURLImpl::Run(const char* natural_method, CollectedResponse* response) {
+// What all transfers share, once URL, body source and stream functions are set. `collected` takes
+// header blocks and, behind them, the body; null when the caller streams the body.
+//
+// libcurl could put the header lines there itself (CURLOPT_HEADER), but versions differ in whether
+// the trailer lines of a chunked body get there, too. They belong to neither part.
+_CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   _CURLRTN result;
   errorbuffer.fill('\0');
   if (request.empty()) {
@@ -125,12 +128,12 @@ _CURLRTN CURLImpl::Run(const char* natural_method, CollectedResponse* response) 
   Set(CURLOPT_POSTREDIR, request.empty() ? 0L : long{CURL_REDIR_POST_ALL});
   const HeaderList header_list(BuildHeader());
   Set(CURLOPT_HTTPHEADER, header_list.get());
-  HeaderLines header_lines(response != nullptr ? response->headers.get() : nullptr);
+  HeaderLines header_lines(collected);
   Set(CURLOPT_HEADERFUNCTION, &HeaderLines::Take);
   Set(CURLOPT_HEADERDATA, &header_lines);
-  if (response != nullptr) {
+  if (collected != nullptr) {
     Set(CURLOPT_WRITEFUNCTION, &write_callback_ev_func);
-    Set(CURLOPT_WRITEDATA, response->body.get());
+    Set(CURLOPT_WRITEDATA, collected);
   }
   result.curlcode =
       HeadersCanBeSent() ? curl_easy_perform(curl.get()) : CURLE_BAD_FUNCTION_ARGUMENT;
@@ -147,17 +150,16 @@ _CURLRTN CURLImpl::Run(const char* natural_method, CollectedResponse* response) 
   result.httpcode = static_cast<std::int32_t>(GetInfo(handle, CURLINFO_RESPONSE_CODE, 0L));
   result.downspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_DOWNLOAD_T, curl_off_t{0}));
   result.upspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_UPLOAD_T, curl_off_t{0}));
-  if (response != nullptr) response->MoveInto(result);
+  if (collected != nullptr) Split(collected, header_lines.kept_length(), result);
   return result;
 }
 
 _CURLRTN CURLImpl::PerformGet(void* writeFunction, void* writeData) {
   if (!curl) return WithoutHandle();
-  Set(CURLOPT_URL, BuildURL().c_str());
+  Set(CURLOPT_URL, query.empty() ? url.c_str() : BuildURL().c_str());
   Set(CURLOPT_HTTPGET, 1L);
   if (writeFunction == nullptr) {
-    CollectedResponse response;
-    return Run("GET", &response);
+    return Run("GET", NewEvbuffer().get());
   }
   Set(CURLOPT_WRITEFUNCTION, writeFunction);
   Set(CURLOPT_WRITEDATA, writeData);
@@ -195,8 +197,7 @@ _CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long siz
   } else {
     Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(std::max(size, 0LL)));
   }
-  CollectedResponse response;
-  return Run("POST", &response);
+  return Run("POST", NewEvbuffer().get());
 }
 
 std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer) {

@@ -48,7 +48,7 @@ class ParsedUrl {
 bool BeginsWithOriginOf(std::string_view a, std::string_view b) {
   const std::size_t scheme = b.starts_with("https://") ? 8 : b.starts_with("http://") ? 7 : 0;
   if (scheme == 0) return false;
-  const std::string_view origin = b.substr(0, b.find_first_of("/?#", scheme));
+  const std::string_view origin = b.substr(0, b.find('/', scheme));
   const auto plain = [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '.'; };
   const std::string_view host = origin.substr(scheme, origin.find(':', scheme) - scheme);
   if (host.empty() || !std::ranges::all_of(host, plain)) return false;
