@@ -1,11 +1,10 @@
 // The one routine through which every request to the service runs.
 #pragma once
 
-#include <deque>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <unordered_map>
-#include <utility>
 
 #include "module/aerror.h"
 #include "module/log.h"
@@ -31,21 +30,20 @@ using TransferErrors = std::unordered_map<int, AERROR>;
 /// Key of a handler for any status.
 inline constexpr int kAnyStatus = -1;
 
-/// One call of QueryWithBackoff: the attempts, and what becomes of their answers.
+/// One call of QueryWithBackoff: the attempts, and what becomes of their answers. Refers to what it
+/// is given.
 template <typename Backoff, typename Queue>
 class BackoffQuery {
  public:
   using Handle = typename Queue::value_type;
 
-  BackoffQuery(Queue& pool, Step<Handle> step, StatusHandlers range_handlers,
-               StatusHandlers code_handlers, TransferErrors curl_errors)
+  BackoffQuery(Queue& pool, const Step<Handle>& step, const StatusHandlers& range_handlers,
+               const StatusHandlers& code_handlers, const TransferErrors& curl_errors)
       : pool_(pool),
-        step_(std::move(step)),
-        range_handlers_(std::move(range_handlers)),
-        code_handlers_(std::move(code_handlers)),
-        curl_errors_(std::move(curl_errors)) {
-    if (step_.name.empty()) step_.name = "QueryWithBackoff";
-  }
+        step_(step),
+        range_handlers_(range_handlers),
+        code_handlers_(code_handlers),
+        curl_errors_(curl_errors) {}
 
   AERROR Run() {
     if (!step_.func) return INVALID_PARAMETER;
@@ -55,7 +53,7 @@ class BackoffQuery {
   }
 
  private:
-  const char* name() const { return step_.name.c_str(); }
+  const char* name() const { return step_.name.empty() ? "QueryWithBackoff" : step_.name.c_str(); }
 
   // The result of the call, or nothing when the exchange is to be run again.
   std::optional<AERROR> Attempt() {
@@ -141,12 +139,12 @@ class BackoffQuery {
   static constexpr int kBackoffSteps = 5;
 
   Queue& pool_;
-  Step<Handle> step_;
-  StatusHandlers range_handlers_;
-  StatusHandlers code_handlers_;
-  TransferErrors curl_errors_;
+  const Step<Handle>& step_;
+  const StatusHandlers& range_handlers_;
+  const StatusHandlers& code_handlers_;
+  const TransferErrors& curl_errors_;
   std::shared_ptr<Backoff> backoff_ =
-      std::make_shared<Backoff>(std::deque<int>{kTooManyRequests}, kBackoffSteps);
+      std::make_shared<Backoff>(std::initializer_list<int>{kTooManyRequests}, kBackoffSteps);
 };
 
 /// Runs `step` on request objects from `pool` until an answer is final.
@@ -163,9 +161,7 @@ template <typename Backoff, typename Queue>
 AERROR QueryWithBackoff(Queue& pool, Step<typename Queue::value_type> step,
                         StatusHandlers rangeHandlers, StatusHandlers codeHandlers,
                         TransferErrors curlErrors) {
-  return BackoffQuery<Backoff, Queue>(pool, std::move(step), std::move(rangeHandlers),
-                                      std::move(codeHandlers), std::move(curlErrors))
-      .Run();
+  return BackoffQuery<Backoff, Queue>(pool, step, rangeHandlers, codeHandlers, curlErrors).Run();
 }
 
 }  // namespace onedrive4b
