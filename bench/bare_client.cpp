@@ -3,6 +3,7 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -310,15 +311,44 @@ void MeasureUpload(const Workload& workload) {
       });
 }
 
+// A handle for each thread. Each keeps its own, or all take the one that was returned last.
+class Handles {
+ public:
+  explicit Handles(const Workload& workload) : shared_(workload.shared != 0) {
+    for (std::int64_t thread = 0; thread < workload.threads; ++thread) all_.emplace_back(workload);
+    for (Handle& handle : all_) idle_.push_back(&handle);
+  }
+
+  Handle& Take(int thread) {
+    if (!shared_) return all_[static_cast<std::size_t>(thread)];
+    const std::lock_guard guard(mutex_);
+    Handle* handle = idle_.back();
+    idle_.pop_back();
+    return *handle;
+  }
+
+  void Return(Handle& handle) {
+    if (!shared_) return;
+    const std::lock_guard guard(mutex_);
+    idle_.push_back(&handle);
+  }
+
+ private:
+  const bool shared_;
+  std::vector<Handle> all_;
+  std::mutex mutex_;
+  std::vector<Handle*> idle_;
+};
+
 void MeasureLookup(const Workload& workload) {
-  std::vector<Handle> handles;
-  for (std::int64_t thread = 0; thread < workload.threads; ++thread) handles.emplace_back(workload);
-  const std::string url = Endpoint(workload) + "/drive/items/item";
+  Handles handles(workload);
+  const std::string url = Endpoint(workload) + "/drive/items/" + ItemId(workload);
   const auto look_up = [&](int thread, std::int64_t calls) {
-    Handle& handle = handles[static_cast<std::size_t>(thread)];
     std::string answer;
     for (std::int64_t call = 0; call < calls; ++call) {
+      Handle& handle = handles.Take(thread);
       handle.Get(url, Headers({kToken}), answer);
+      handles.Return(handle);
       if (!Parse(answer).isMember("id")) throw std::runtime_error("no item");
     }
     return calls;
@@ -344,7 +374,12 @@ void MeasureListing(const Workload& workload) {
   };
   Measure(
       workload, [&](int) { list(FolderId(1, 1)); },
-      [&](int) { return list(FolderId(workload.entries, workload.page)); });
+      [&](int) {
+        const std::int64_t entries = list(FolderId(workload.entries, workload.page));
+        // With the next request comes the clean-up that the allocator has put off.
+        list(FolderId(1, 1));
+        return entries;
+      });
 }
 
 // The requests of a sign-in.

@@ -10,6 +10,8 @@ constexpr double kSpeed = 0.95;
 constexpr double kTransferCpu = 1.10;
 constexpr double kListingCpu = 1.25;
 constexpr double kAddedPerLookup = 15;
+constexpr int kMoreRepeats = 3;
+constexpr int kMostRepeats = 5;
 
 std::string Set(const char* name, std::int64_t value) {
   return std::string(name).append("=") += std::to_string(value);
@@ -25,22 +27,33 @@ Case Listing(const char* name, const char* title, std::int64_t entries, std::int
           .most_cpu = kListingCpu};
 }
 
-std::vector<Case> ThreadCases(std::int64_t threads, std::int64_t calls, std::int64_t bytes) {
+std::vector<Case> ThreadCases(std::int64_t threads, bool quick) {
   const std::string number = std::to_string(threads);
   const std::string suffix = number + (threads == 1 ? " thread" : " threads");
+  const std::int64_t calls = quick ? 1600 : 16000;
+  const std::int64_t delayed = (quick ? 20 : 1000) * threads;
+  const std::int64_t bytes = (std::int64_t{1} << 30) / (quick ? 16 : 1);
   constexpr std::int64_t kRange = 4 << 20;
   return {{.name = "lookup-threads-" + number,
            .title = "Lookups, " + suffix,
            .kind = "lookup",
            .parameters = {Set("calls", calls), Set("threads", threads)},
            .amount = calls,
+           .others = {"shared"},
+           .repeats = kMoreRepeats},
+          {.name = "delayed-threads-" + number,
+           .title = "Lookups of 1 ms, " + suffix,
+           .kind = "lookup",
+           .parameters = {Set("calls", delayed), Set("threads", threads), Set("delay", 1000)},
+           .amount = delayed,
            .others = {}},
           {.name = "read-threads-" + number,
            .title = "4 MiB reads, " + suffix,
            .kind = "download",
            .parameters = {Set("bytes", bytes), Set("range", kRange), Set("threads", threads)},
            .amount = bytes,
-           .others = {}}};
+           .others = {},
+           .repeats = kMoreRepeats}};
 }
 
 }  // namespace
@@ -54,6 +67,7 @@ const std::vector<Side>& Sides() {
       {"defaults", "libcurl, its defaults", "bench_bare", {}},
       {"direct", "libcurl, no staging", "bench_bare", {kBuffers[0], "staged=0"}},
       {"curl", "curl command", "curl", {}},
+      {"shared", "libcurl, shared handles", "bench_bare", {kBuffers[0], kBuffers[1], "shared=1"}},
       {"raw", "plain socket", "bench_bare", {"raw=1"}}};
   return sides;
 }
@@ -79,7 +93,9 @@ std::vector<Case> Cases(bool quick) {
                               gib,
                               {"defaults", "direct", "curl", "raw"},
                               kSpeed,
-                              kTransferCpu},
+                              kTransferCpu,
+                              0,
+                              kMostRepeats},
                              {"ranges",
                               "Download 256 x 4 MiB",
                               "download",
@@ -87,7 +103,9 @@ std::vector<Case> Cases(bool quick) {
                               gib,
                               {"defaults", "curl"},
                               kSpeed,
-                              kTransferCpu},
+                              kTransferCpu,
+                              0,
+                              kMostRepeats},
                              {"put",
                               "Upload 5 x 99 MiB by PUT",
                               "upload",
@@ -95,7 +113,9 @@ std::vector<Case> Cases(bool quick) {
                               simple * uploads,
                               {"defaults", "curl"},
                               kSpeed,
-                              kTransferCpu},
+                              kTransferCpu,
+                              0,
+                              kMostRepeats},
                              {"session",
                               "Upload 1 GiB by session",
                               "upload",
@@ -103,7 +123,9 @@ std::vector<Case> Cases(bool quick) {
                               gib,
                               {"defaults"},
                               kSpeed,
-                              kTransferCpu},
+                              kTransferCpu,
+                              0,
+                              kMostRepeats},
                              {"lookup",
                               "10,000 lookups",
                               "lookup",
@@ -117,7 +139,7 @@ std::vector<Case> Cases(bool quick) {
                              Listing("list-long", "List 100,000 by 200", entries * 10, 200),
                              Listing("list-page", "List 10,000 at once", entries, entries)};
   for (const std::int64_t threads : {1, 4, 16}) {
-    const std::vector<Case> more = ThreadCases(threads, lookups * 16 / 5, gib);
+    const std::vector<Case> more = ThreadCases(threads, quick);
     cases.insert(cases.end(), more.begin(), more.end());
   }
   cases.push_back({.name = "start",
@@ -125,7 +147,8 @@ std::vector<Case> Cases(bool quick) {
                    .kind = "start",
                    .parameters = {},
                    .amount = 1,
-                   .others = {}});
+                   .others = {},
+                   .repeats = kMostRepeats});
   return cases;
 }
 

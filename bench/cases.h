@@ -26,6 +26,7 @@ struct Case {
   double least_speed = 0;           ///< of the bare client's
   double most_cpu = 0;              ///< of the bare client's
   double most_added_us = 0;         ///< CPU per call over the bare client's
+  int repeats = 1;                  ///< measurements of a round: more where processes differ more
 };
 
 /// The first two are the module and the bare client, which every case compares.

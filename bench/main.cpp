@@ -79,8 +79,7 @@ class Bench {
     std::vector<const Side*> sides = {&SideOf("module"), &SideOf("bare")};
     for (const char* name : test.others) sides.push_back(&SideOf(name));
     Outcome outcome{test, {}};
-    // Uploads vary most from process to process, with where the buffer lies in the cache.
-    const int rounds = options_.rounds * (test.kind == "upload" ? 3 : 1);
+    const int rounds = options_.rounds * test.repeats;
     for (int round = 0; round < rounds; ++round) {
       for (const Side* side : sides) outcome.samples[side->name].push_back(Take(test, *side));
       // Each of a pair goes first every other time.

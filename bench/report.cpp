@@ -120,9 +120,10 @@ void Judge(const Row& row, std::vector<Verdict>& verdicts) {
   if (test.name == "list-page") AddPageMemory(row, verdicts);
 }
 
-const Row* Find(const std::vector<Row>& rows, const std::string& test) {
+const Row* Find(const std::vector<Row>& rows, const std::string& test,
+                const std::string& side = "bare") {
   for (const Row& row : rows) {
-    if (row.outcome->test.name == test && row.side == &SideOf("bare")) return &row;
+    if (row.outcome->test.name == test && row.side == &SideOf(side)) return &row;
   }
   return nullptr;
 }
@@ -141,15 +142,18 @@ void JudgeGrowth(const std::vector<Row>& rows, std::vector<Verdict>& verdicts) {
 
 // More threads must gain the module what they gain the bare client.
 void JudgeScaling(const std::vector<Row>& rows, std::vector<Verdict>& verdicts) {
-  for (const std::string kind : {"lookup-threads-", "read-threads-"}) {
-    const Row* one = Find(rows, kind + "1");
-    for (const char* threads : {"4", "16"}) {
-      const Row* more = Find(rows, kind + threads);
-      if (one == nullptr || more == nullptr) continue;
-      const double scaling = more->speed / one->speed;
-      verdicts.push_back({more->outcome->test.title + ": gain over 1, of the bare client's",
-                          Format("%.3f", scaling), Format(">= %.2f", kLeastScaling),
-                          scaling >= kLeastScaling});
+  for (const std::string kind : {"lookup-threads-", "delayed-threads-", "read-threads-"}) {
+    for (const std::string threads : {"4", "16"}) {
+      for (const std::string side : {"bare", "shared"}) {
+        const Row* one = Find(rows, kind + "1", side);
+        const Row* more = Find(rows, kind + threads, side);
+        if (one == nullptr || more == nullptr) continue;
+        const double scaling = more->speed / one->speed;
+        verdicts.push_back({more->outcome->test.title + ": gain over 1, of that of " +
+                                (side == "bare" ? "bare handles" : "shared handles"),
+                            Format("%.3f", scaling), Format(">= %.2f", kLeastScaling),
+                            scaling >= kLeastScaling});
+      }
     }
   }
 }

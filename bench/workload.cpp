@@ -150,11 +150,13 @@ Workload ParseWorkload(int count, char** arguments) {
       {"calls", &workload.calls},
       {"entries", &workload.entries},
       {"page", &workload.page},
+      {"delay", &workload.delay},
       {"threads", &workload.threads},
       {"receive_buffer", &workload.receive_buffer},
       {"upload_buffer", &workload.upload_buffer},
       {"staged", &workload.staged},
-      {"raw", &workload.raw}};
+      {"raw", &workload.raw},
+      {"shared", &workload.shared}};
   for (int index = 3; index < count; ++index) {
     const std::string argument = arguments[index];
     const std::size_t equals = argument.find('=');
@@ -179,6 +181,10 @@ void RunWorkload(const Workload& workload, const Measurements& by_kind) {
 
 std::string Endpoint(const Workload& workload) {
   return workload.origin + "/personal/demo_contoso_example/_api/v2.0";
+}
+
+std::string ItemId(const Workload& workload) {
+  return workload.delay == 0 ? "item" : "after-" + std::to_string(workload.delay);
 }
 
 std::string FolderId(std::int64_t entries, std::int64_t page) {

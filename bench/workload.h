@@ -19,12 +19,14 @@ struct Workload {
   std::int64_t calls = 1;    ///< lookups, or uploads of the file
   std::int64_t entries = 0;  ///< list: of the whole folder
   std::int64_t page = 0;     ///< list: entries of one page
+  std::int64_t delay = 0;    ///< lookups: microseconds that the service takes for each
   std::int64_t threads = 1;  ///< the work is shared out among them
   // Of the bare client alone; 0 leaves libcurl's default.
   std::int64_t receive_buffer = 0;
   std::int64_t upload_buffer = 0;
   std::int64_t staged = 1;  ///< download: 0 hands libcurl's pieces on as they come
   std::int64_t raw = 0;     ///< download: a plain socket instead of libcurl
+  std::int64_t shared = 0;  ///< lookup: threads take any handle, the one returned last first
 };
 
 /// Throws std::invalid_argument for what is no workload.
@@ -36,6 +38,8 @@ void RunWorkload(const Workload& workload, const Measurements& by_kind);
 
 /// URL of the service that the workload's server plays.
 std::string Endpoint(const Workload& workload);
+/// Id of the item that is looked up: one that takes the workload's delay.
+std::string ItemId(const Workload& workload);
 /// Id of a folder with so many entries, which come on pages of so many.
 std::string FolderId(std::int64_t entries, std::int64_t page);
 
