@@ -103,8 +103,13 @@ class Bench {
     const auto over_idle = [&](const char* name) {
       return static_cast<long>(values[name].asInt64() - values["idle_kib"].asInt64());
     };
-    Sample sample{values["wall"].asDouble(), values["user"].asDouble() + values["sys"].asDouble(),
-                  over_idle("peak_kib"), over_idle("after_kib"), over_idle("trimmed_kib")};
+    const double work_cpu = values["user"].asDouble() + values["sys"].asDouble();
+    Sample sample{values["wall"].asDouble(),
+                  work_cpu,
+                  work_cpu,
+                  over_idle("peak_kib"),
+                  over_idle("after_kib"),
+                  over_idle("trimmed_kib")};
     // The bare client has loaded its libraries before it could measure anything.
     if (test.kind == "start") sample.cpu = process_cpu;
     return sample;

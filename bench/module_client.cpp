@@ -88,7 +88,7 @@ std::string LoaderError() {
 class Drive {
  public:
   explicit Drive(const Workload& workload) {
-    library_ = dlopen(MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+    library_ = dlopen(MODULE_PATH, RTLD_LAZY | RTLD_LOCAL);
     if (library_ == nullptr) throw std::runtime_error(LoaderError());
     Resolve<decltype(&BindLogger)>("BindLogger")(&host_);
     if (!Resolve<decltype(&GetProtocol)>("GetProtocol")("bench", &host_, &protocol_)) {

@@ -12,6 +12,7 @@ namespace bench {
 struct Sample {
   double wall = 0;
   double cpu = 0;
+  double work_cpu = 0;     ///< without that of the process's start and end; 0 for a command
   long over_idle_kib = 0;  ///< most memory at any time, over that before the work
   long kept_kib = 0;       ///< memory over that before the work, once it is done
   long trimmed_kib = 0;    ///< the same, after free memory has gone back to the system

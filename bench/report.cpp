@@ -48,8 +48,8 @@ Sample MedianOf(const std::vector<Sample>& samples) {
   const auto of = [&](auto Sample::*member) {
     return Median(samples.size(), [&](std::size_t round) { return samples[round].*member; });
   };
-  return {of(&Sample::wall), of(&Sample::cpu), of(&Sample::over_idle_kib), of(&Sample::kept_kib),
-          of(&Sample::trimmed_kib)};
+  return {of(&Sample::wall),          of(&Sample::cpu),      of(&Sample::work_cpu),
+          of(&Sample::over_idle_kib), of(&Sample::kept_kib), of(&Sample::trimmed_kib)};
 }
 
 Row RowOf(const Outcome& outcome, const Side& side) {
@@ -112,9 +112,9 @@ void Judge(const Row& row, std::vector<Verdict>& verdicts) {
                         Format("<= %.0f us", test.most_added_us), added <= test.most_added_us});
   }
   if (test.kind == "start") {
-    const double ms = row.module.cpu * 1e3;
-    verdicts.push_back(
-        {test.title + ": CPU", Format("%.1f ms", ms), "<= 10 ms", ms <= kMostStartCpu});
+    const double ms = row.module.work_cpu * 1e3;
+    verdicts.push_back({test.title + ": CPU from dlopen on", Format("%.1f ms", ms), "<= 10 ms",
+                        ms <= kMostStartCpu});
   }
   if (test.name == "download" || test.name == "session") AddTransferMemory(row, verdicts);
   if (test.name == "list-page") AddPageMemory(row, verdicts);

@@ -41,7 +41,9 @@ std::filesystem::path DefaultFile() {
 void ModuleLibrary::Closer::operator()(void* library) const noexcept { dlclose(library); }
 
 ModuleLibrary::ModuleLibrary(const std::filesystem::path& file)
-    : library_(dlopen((file.empty() ? DefaultFile() : file).c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    // The module is linked to bind its own symbols at once. RTLD_NOW would also bind all those of
+    // the libraries behind libcurl, which most runs never call.
+    : library_(dlopen((file.empty() ? DefaultFile() : file).c_str(), RTLD_LAZY | RTLD_LOCAL)) {
   if (!library_) throw LoadFailure(LoaderError());
   Resolve(library_.get(), "BindLogger", bind_logger);
   Resolve(library_.get(), "UnbindLogger", unbind_logger);

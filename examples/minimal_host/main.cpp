@@ -50,7 +50,7 @@ AERROR Use(void* module, char** arguments) {
 }
 
 int main(int count, char** arguments) {
-  void* module = count == 5 ? dlopen(arguments[1], RTLD_NOW | RTLD_LOCAL) : nullptr;
+  void* module = count == 5 ? dlopen(arguments[1], RTLD_LAZY | RTLD_LOCAL) : nullptr;
   if (module == nullptr) return 2;
   const AERROR result = Use(module, arguments);  // all records are gone when it returns
   std::puts(reinterpret_cast<decltype(&GetAERRORA)>(dlsym(module, "GetAERRORA"))(result));

@@ -29,7 +29,7 @@ class Printer final : public IFileList {
 }  // namespace
 
 int main() {
-  void* module = dlopen(MODULE, RTLD_NOW | RTLD_LOCAL);
+  void* module = dlopen(MODULE, RTLD_LAZY | RTLD_LOCAL);
   if (module == nullptr) {
     std::puts(MODULE " cannot be loaded");
     return 1;
