@@ -258,9 +258,10 @@ TEST_F(DownloadTest, ReportsProgressAndKeepsTheSpeedLimit) {
     return Clock::now() - before;
   };
   // A burst of more than a second's worth would be followed by a silence that counts as a stall.
+  // One of a second's worth may come at the end, where nothing waits for its time.
   for (const char* limit : {"4000000", "2000000"}) {
     const std::chrono::duration<double> took = timed(limit);
-    EXPECT_GT(took.count(), 0.5 * static_cast<double>(kSize) / std::stod(limit)) << limit;
+    EXPECT_GT(took.count(), 0.9 * (static_cast<double>(kSize) / std::stod(limit) - 1)) << limit;
   }
   EXPECT_LT(timed("0"), milliseconds(1000));
 }
