@@ -242,7 +242,7 @@ TEST_F(DownloadTest, ReportsProgressAndKeepsTheSpeedLimit) {
   struct Sink final : IFetchCallback {
     AERROR OnFetch(std::int64_t, const char*, std::int64_t, int) override { return SUCCESS; }
   } sink;
-  constexpr long long kSize = 6'000'000;
+  constexpr long long kSize = 8'000'000;
   service.Answer("/api/drive/items/f/content", Text(200, std::string(kSize, 'x')));
   std::pair<long long, long long> report;
   handle->progressctx = &report;
