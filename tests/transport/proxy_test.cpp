@@ -215,6 +215,9 @@ INSTANTIATE_TEST_SUITE_P(Over, ProxyTest, ::testing::Bool(),
                          [](const auto& tls) { return tls.param ? "Tls" : "PlainHttp"; });
 
 TEST_P(ProxyTest, EveryKindCarriesTheTraffic) {
+  // Sent at once: a proxy that asks for the password closes the connection without reading the
+  // body, and a second piece could meet that before libcurl has seen the answer.
+  constexpr std::size_t kSize = 200000;
   struct Content final : ICacheIO, IFetchCallback {
     int ReadCache(_CACHEIO_REQUEST* request) override {
       request->done =
@@ -225,7 +228,7 @@ TEST_P(ProxyTest, EveryKindCarriesTheTraffic) {
       fetched.append(data, static_cast<std::size_t>(length));
       return SUCCESS;
     }
-    std::string bytes = ReadAll(*emulator::PatternContent(300000));
+    std::string bytes = ReadAll(*emulator::PatternContent(kSize));
     std::string fetched;
   };
   struct Case {
@@ -253,6 +256,9 @@ TEST_P(ProxyTest, EveryKindCarriesTheTraffic) {
     _FS_FILE_V2 file;
     file.filename = "through.bin";
     file.size = static_cast<std::int64_t>(content.bytes.size());
+    // This proxy closes connections after an answer, unannounced, and libcurl does not repeat a
+    // body that it has begun to send.
+    Forget();
     EXPECT_EQ(protocol->Upload("root", handle, &content, &file, {}, nullptr), SUCCESS);
     EXPECT_EQ(protocol->Read(file.id.c_str(), 0, file.size, handle, &content, nullptr), SUCCESS);
     EXPECT_TRUE(content.fetched == content.bytes);
