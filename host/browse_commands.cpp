@@ -93,6 +93,10 @@ struct TreeCounts {
   std::size_t files = 0;
 };
 
+std::string Counted(std::size_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
 void DrawBranches(const BrowseContext& context, const RemoteItem& folder, const std::string& stem,
                   std::size_t depth, TreeCounts& counts) {
   CheckDepth(depth, folder.path);
@@ -191,8 +195,8 @@ void ShowTree(const BrowseContext& context) {
   context.out.Write(EscapeForTerminal(item.path) + "\n");
   TreeCounts counts;
   if (IsFolder(item.record)) DrawBranches(context, item, "", 1, counts);
-  context.out.Write("\n" + std::to_string(counts.folders) + " folders, " +
-                    std::to_string(counts.files) + " files\n");
+  context.out.Write("\n" + Counted(counts.folders, "folder") + ", " +
+                    Counted(counts.files, "file") + "\n");
 }
 
 void ShowItem(const BrowseContext& context) {

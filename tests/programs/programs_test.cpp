@@ -98,6 +98,9 @@ TEST_F(ProgramsTest, BrowseTheDriveOverVerifiedTls) {
   EXPECT_NE(log.text.find("GetFileList >> HTTPS GET >> 200 : https://"), std::string::npos);
   const Outcome tree = Host("tree '/Shared with me'");
   EXPECT_NE(tree.text.find("Kick-off.txt"), std::string::npos) << tree.text;
+  EXPECT_TRUE(tree.text.ends_with("\n2 folders, 3 files\n")) << tree.text;
+  const Outcome one = Host("tree '/Shared with me/Team plans/Minutes'");
+  EXPECT_TRUE(one.text.ends_with("\n0 folders, 1 file\n")) << one.text;
   EXPECT_NE(Host("stat '/my drive/documents/100% sure #1.txt'").text.find("47 bytes"),
             std::string::npos);
   const Outcome hidden = Host("--no-shared ls /");
