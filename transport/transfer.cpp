@@ -52,8 +52,6 @@ _CURLRTN WithoutHandle() {
   return result;
 }
 
-}  // namespace
-
 // Follows the lines that libcurl hands to its header function, one at a time: those of a header
 // block, which begins with a status line and ends with an empty one, and trailer lines.
 class HeaderLines {
@@ -97,6 +95,8 @@ void Split(evbuffer* response, std::size_t header_length, _CURLRTN& result) {
     evbuffer_remove(response, result.body.get(), result.bodylen);
   }
 }
+
+}  // namespace
 
 bool CURLImpl::HeadersCanBeSent() const {
   return std::all_of(headers.begin(), headers.end(), [](const auto& header) {
