@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 namespace bench {
 namespace {
@@ -15,6 +16,20 @@ constexpr int kMostRepeats = 5;
 
 std::string Set(const char* name, std::int64_t value) {
   return std::string(name).append("=") += std::to_string(value);
+}
+
+Case Transfer(const char* name, const char* title, const char* kind,
+              std::vector<std::string> parameters, std::int64_t bytes,
+              std::vector<const char*> others) {
+  return {.name = name,
+          .title = title,
+          .kind = kind,
+          .parameters = std::move(parameters),
+          .amount = bytes,
+          .others = std::move(others),
+          .least_speed = kSpeed,
+          .most_cpu = kTransferCpu,
+          .repeats = kMostRepeats};
 }
 
 Case Listing(const char* name, const char* title, std::int64_t entries, std::int64_t page) {
@@ -86,58 +101,26 @@ std::vector<Case> Cases(bool quick) {
   const std::int64_t uploads = quick ? 1 : 5;
   const std::int64_t entries = quick ? 800 : 10000;
   const std::int64_t lookups = quick ? 1600 : 10000;
-  std::vector<Case> cases = {{"download",
-                              "Download 1 GiB",
-                              "download",
-                              {Set("bytes", gib)},
-                              gib,
-                              {"defaults", "direct", "curl", "raw"},
-                              kSpeed,
-                              kTransferCpu,
-                              0,
-                              kMostRepeats},
-                             {"ranges",
-                              "Download 256 x 4 MiB",
-                              "download",
-                              {Set("bytes", gib), "range=4194304"},
-                              gib,
-                              {"defaults", "curl"},
-                              kSpeed,
-                              kTransferCpu,
-                              0,
-                              kMostRepeats},
-                             {"put",
-                              "Upload 5 x 99 MiB by PUT",
-                              "upload",
-                              {Set("bytes", simple), Set("calls", uploads)},
-                              simple * uploads,
-                              {"defaults", "curl"},
-                              kSpeed,
-                              kTransferCpu,
-                              0,
-                              kMostRepeats},
-                             {"session",
-                              "Upload 1 GiB by session",
-                              "upload",
-                              {Set("bytes", gib)},
-                              gib,
-                              {"defaults"},
-                              kSpeed,
-                              kTransferCpu,
-                              0,
-                              kMostRepeats},
-                             {"lookup",
-                              "10,000 lookups",
-                              "lookup",
-                              {Set("calls", lookups)},
-                              lookups,
-                              {"defaults"},
-                              0,
-                              0,
-                              kAddedPerLookup},
-                             Listing("list-short", "List 10,000 by 200", entries, 200),
-                             Listing("list-long", "List 100,000 by 200", entries * 10, 200),
-                             Listing("list-page", "List 10,000 at once", entries, entries)};
+  std::vector<Case> cases = {
+      Transfer("download", "Download 1 GiB", "download", {Set("bytes", gib)}, gib,
+               {"defaults", "direct", "curl", "raw"}),
+      Transfer("ranges", "Download 256 x 4 MiB", "download", {Set("bytes", gib), "range=4194304"},
+               gib, {"defaults", "curl"}),
+      Transfer("put", "Upload 5 x 99 MiB by PUT", "upload",
+               {Set("bytes", simple), Set("calls", uploads)}, simple * uploads,
+               {"defaults", "curl"}),
+      Transfer("session", "Upload 1 GiB by session", "upload", {Set("bytes", gib)}, gib,
+               {"defaults"}),
+      {.name = "lookup",
+       .title = "10,000 lookups",
+       .kind = "lookup",
+       .parameters = {Set("calls", lookups)},
+       .amount = lookups,
+       .others = {"defaults"},
+       .most_added_us = kAddedPerLookup},
+      Listing("list-short", "List 10,000 by 200", entries, 200),
+      Listing("list-long", "List 100,000 by 200", entries * 10, 200),
+      Listing("list-page", "List 10,000 at once", entries, entries)};
   for (const std::int64_t threads : {1, 4, 16}) {
     const std::vector<Case> more = ThreadCases(threads, quick);
     cases.insert(cases.end(), more.begin(), more.end());
