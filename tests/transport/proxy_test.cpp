@@ -256,7 +256,7 @@ TEST_P(ProxyTest, EveryKindCarriesTheTraffic) {
     _FS_FILE_V2 file;
     file.filename = "through.bin";
     file.size = static_cast<std::int64_t>(content.bytes.size());
-    // This proxy closes connections after an answer, unannounced, and libcurl does not repeat a
+    // The HTTP proxy closes connections after an answer, unannounced, and libcurl does not repeat a
     // body that it has begun to send.
     Forget();
     EXPECT_EQ(protocol->Upload("root", handle, &content, &file, {}, nullptr), SUCCESS);
