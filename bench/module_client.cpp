@@ -13,7 +13,7 @@
 
 #include "bench/guarded.h"
 #include "bench/workload.h"
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 namespace bench {
 namespace {

@@ -11,7 +11,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(private_dir ${CMAKE_INSTALL_LIBDIR}/onedrive4b)
-set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/onedrive4b)
+set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR})
 set(module_file ${private_dir}/lib/libonedrive4b.so)
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/onedrive4b)
 set(templates ${PROJECT_SOURCE_DIR}/packaging)
@@ -20,15 +20,7 @@ string(TIMESTAMP man_date "%Y-%m" UTC)  # SOURCE_DATE_EPOCH is heeded
 
 install(TARGETS onedrive4b_module LIBRARY DESTINATION ${private_dir}/lib COMPONENT module)
 
-install(
-  FILES
-    module/aerror.h
-    module/entry_points.h
-    module/export.h
-    module/interfaces.h
-    module/records.h
-  DESTINATION ${headers_dir}/module
-  COMPONENT development)
+install(DIRECTORY include/onedrive4b DESTINATION ${headers_dir} COMPONENT development)
 configure_package_config_file(${templates}/onedrive4b-config.cmake.in
   ${generated}/onedrive4b-config.cmake
   INSTALL_DESTINATION ${config_dir}

@@ -13,7 +13,7 @@
 #include "host/profile.h"
 #include "host/redaction.h"
 #include "host/settings.h"
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace host {
 

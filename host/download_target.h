@@ -20,7 +20,7 @@
 
 #include "host/progress.h"
 #include "host/unique_fd.h"
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace host {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "host/settings.h"
-#include "module/aerror.h"
+#include "onedrive4b/aerror.h"
 
 namespace host {
 

@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "host/unique_fd.h"
-#include "module/records.h"
+#include "onedrive4b/records.h"
 
 namespace host {
 

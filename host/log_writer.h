@@ -14,7 +14,7 @@
 
 #include "host/redaction.h"
 #include "host/unique_fd.h"
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace host {
 

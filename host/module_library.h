@@ -1,13 +1,13 @@
 // ModuleLibrary: the loaded protocol module and the entry points that the host uses.
 //
-// Threads: the entry points follow the module's own rules (module/entry_points.h).
+// Threads: the entry points follow the module's own rules (onedrive4b/entry_points.h).
 // Lifetime: everything that came from the module must be gone before the library is destroyed.
 #pragma once
 
 #include <filesystem>
 #include <memory>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 namespace host {
 

@@ -18,7 +18,7 @@
 
 #include "host/settings.h"
 #include "host/value_store.h"
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace host {
 

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "module/records.h"
+#include "onedrive4b/records.h"
 
 namespace host {
 

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 
 #include "host/unique_fd.h"
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace host {
 

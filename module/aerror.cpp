@@ -1,4 +1,4 @@
-#include "module/aerror.h"
+#include "onedrive4b/aerror.h"
 
 #include <cerrno>
 

@@ -1,7 +1,7 @@
 // Where exceptions end: every operation that the host calls runs inside AtEdge.
 #pragma once
 
-#include "module/aerror.h"
+#include "onedrive4b/aerror.h"
 
 namespace onedrive4b {
 

@@ -1,4 +1,4 @@
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 #include <cstdlib>
 #include <cstring>

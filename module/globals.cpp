@@ -1,6 +1,6 @@
 // Data that the module exports under plain names. The handle pool, `cq`, is defined beside its
 // class.
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 ILog* logger = nullptr;
 AsyncQ* aq = nullptr;

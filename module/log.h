@@ -3,7 +3,7 @@
 
 #include <cstdarg>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 /// Hands one line to `log`, unformatted: the host renders format and arguments. Null drops the
 /// line. Texts passed for "%s" must not be null. Callable from any thread; a logger that throws is

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 #include "support/steady_time.h"
 #include "transport/transfer_result.h"
 

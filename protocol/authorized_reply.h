@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 #include "support/json_object.h"
 
 namespace onedrive4b {

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "module/aerror.h"
-#include "module/records.h"
+#include "onedrive4b/aerror.h"
+#include "onedrive4b/records.h"
 
 namespace onedrive4b {
 

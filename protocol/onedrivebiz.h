@@ -13,7 +13,7 @@
 #include <string>
 #include <thread>
 
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 #include "retry/query_with_backoff.h"
 #include "support/json_object.h"
 #include "support/steady_time.h"

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "module/records.h"
+#include "onedrive4b/records.h"
 
 namespace onedrive4b {
 

@@ -7,7 +7,7 @@
 
 #include <curl/curl.h>
 
-#include "module/interfaces.h"
+#include "onedrive4b/interfaces.h"
 
 namespace onedrive4b {
 

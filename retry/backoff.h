@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <deque>
 
-#include "module/aerror.h"
+#include "onedrive4b/aerror.h"
 
 namespace onedrive4b {
 

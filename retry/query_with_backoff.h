@@ -6,8 +6,8 @@
 #include <optional>
 #include <unordered_map>
 
-#include "module/aerror.h"
 #include "module/log.h"
+#include "onedrive4b/aerror.h"
 #include "retry/func_ext.h"
 #include "transport/handle_pool.h"
 #include "transport/request.h"

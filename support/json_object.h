@@ -17,7 +17,7 @@
 
 #include <json/value.h>
 
-#include "module/aerror.h"
+#include "onedrive4b/aerror.h"
 
 namespace onedrive4b {
 

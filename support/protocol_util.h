@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 #include "support/json_object.h"
 
 namespace ProtocolUtil {

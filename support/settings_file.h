@@ -2,7 +2,7 @@
 // it.
 #pragma once
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 /// Copies the value of `key` in `section` of the file at `path` to `out`, which takes `size` bytes
 /// with the NUL; too long a value is cut. Without such a value, or such a file, copies

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 /// Creates every directory along `path` ("/" and "\" both separate) with mode 0755. True also when
 /// all exist already. On failure stops there, sets errno to ENOTDIR and returns false.

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 /// The pieces of `text` between matches of `separator`. A separator at the start and consecutive
 /// separators give empty pieces, one at the very end gives no empty last piece, and a text without

@@ -11,7 +11,7 @@
 #include <ctime>
 #include <string>
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 /// The fields as they stand: local fields come out as local wall time with a "Z". "" for null.
 ONEDRIVE4B_EXPORT std::string TMToRFC3339(std::tm* time);

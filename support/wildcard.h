@@ -1,7 +1,7 @@
 // File-name patterns with the DOS wildcards. Exported: hosts may call them.
 #pragma once
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 /// Whether `name` as a whole matches `expression`; false when either is null. In the expression
 ///   - `*` is any run of characters;

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 /// Bound to the module for its lifetime. Any thread.
 class LogRecorder final : public ILog {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 /// Value store and authorisation. Any thread.
 class TestHost final : public IProtocolManager, public IProtocolAuth {

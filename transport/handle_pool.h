@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "module/records.h"
+#include "onedrive4b/records.h"
 #include "support/protocol_util.h"
 
 namespace onedrive4b {

@@ -1,7 +1,7 @@
 // The request object of this service and the module's pool of them.
 #pragma once
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 #include "transport/handle_pool.h"
 #include "transport/request.h"
 

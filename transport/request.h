@@ -17,7 +17,7 @@
 
 #include <curl/curl.h>
 
-#include "module/records.h"
+#include "onedrive4b/records.h"
 #include "transport/easy_option.h"
 #include "transport/transfer_result.h"
 

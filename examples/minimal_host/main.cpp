@@ -7,7 +7,7 @@
 
 #include <dlfcn.h>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 struct Host final : IProtocolManager, IProtocolAuth, IFileList, IFetchCallback {
   explicit Host(const char* file) : tokens(file) {}

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Names every type that crosses the boundary between host and module, so that the debug information
 // of this one library describes all of it. Never loaded; only read by abidw.
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 namespace {
 

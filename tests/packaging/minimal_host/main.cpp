@@ -4,7 +4,7 @@
 
 #include <dlfcn.h>
 
-#include "module/entry_points.h"
+#include "onedrive4b/entry_points.h"
 
 namespace {
 

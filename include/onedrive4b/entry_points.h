@@ -10,9 +10,9 @@
 
 #include <cstdint>
 
-#include "module/aerror.h"
-#include "module/export.h"
-#include "module/interfaces.h"
+#include "onedrive4b/aerror.h"
+#include "onedrive4b/export.h"
+#include "onedrive4b/interfaces.h"
 
 extern "C" {
 

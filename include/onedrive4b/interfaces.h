@@ -24,8 +24,8 @@
 #include <memory>
 #include <string>
 
-#include "module/aerror.h"
-#include "module/records.h"
+#include "onedrive4b/aerror.h"
+#include "onedrive4b/records.h"
 
 class AsyncQ;        // the host's job queue; the module stores a pointer and never calls it
 class IFileChanges;  // receiver of changes; the module never calls it

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "module/export.h"
+#include "onedrive4b/export.h"
 
 enum AERROR : std::int32_t {
   // General results.
