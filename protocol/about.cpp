@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "module/edge.h"
-#include "module/log.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/edge.h"
+#include "support/log.h"
 
 namespace onedrive4b {
 

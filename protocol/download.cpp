@@ -6,9 +6,9 @@
 #include <limits>
 #include <string_view>
 
-#include "module/edge.h"
 #include "protocol/onedrivebiz.h"
 #include "protocol/transfer_handle.h"
+#include "support/edge.h"
 
 namespace onedrive4b {
 

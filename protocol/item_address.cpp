@@ -3,9 +3,9 @@
 #include <string_view>
 #include <vector>
 
-#include "module/edge.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/edge.h"
 #include "support/text.h"
 
 namespace onedrive4b {

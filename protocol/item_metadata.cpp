@@ -3,9 +3,9 @@
 #include <string_view>
 #include <vector>
 
-#include "module/log.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/log.h"
 #include "support/text.h"
 
 namespace onedrive4b {

@@ -4,9 +4,9 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "module/edge.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/edge.h"
 #include "support/memory.h"
 
 namespace onedrive4b {

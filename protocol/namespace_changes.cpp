@@ -4,11 +4,11 @@
 // when somebody else has changed the item since.
 #include <utility>
 
-#include "module/edge.h"
-#include "module/log.h"
 #include "protocol/content_types.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/edge.h"
+#include "support/log.h"
 
 namespace onedrive4b {
 

@@ -7,11 +7,11 @@
 
 #include <strings.h>
 
-#include "module/edge.h"
-#include "module/log.h"
 #include "protocol/about.h"
 #include "protocol/host_memory.h"
 #include "retry/backoff.h"
+#include "support/edge.h"
+#include "support/log.h"
 #include "transport/url.h"
 
 namespace onedrive4b {

@@ -6,12 +6,12 @@
 #include <chrono>
 #include <utility>
 
-#include "module/edge.h"
-#include "module/log.h"
 #include "protocol/about.h"
 #include "protocol/authorized_reply.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "support/edge.h"
+#include "support/log.h"
 
 namespace onedrive4b {
 

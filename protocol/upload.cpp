@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "module/edge.h"
-#include "module/log.h"
 #include "protocol/content_types.h"
 #include "protocol/onedrivebiz.h"
 #include "protocol/transfer_handle.h"
+#include "support/edge.h"
+#include "support/log.h"
 
 namespace onedrive4b {
 

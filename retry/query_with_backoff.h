@@ -6,9 +6,9 @@
 #include <optional>
 #include <unordered_map>
 
-#include "module/log.h"
 #include "onedrive4b/aerror.h"
 #include "retry/func_ext.h"
+#include "support/log.h"
 #include "transport/handle_pool.h"
 #include "transport/request.h"
 

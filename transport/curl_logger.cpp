@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "module/log.h"
+#include "support/log.h"
 
 namespace onedrive4b {
 
