@@ -6,6 +6,7 @@
 #include <json/value.h>
 
 #include "fuzz/input.h"
+#include "helpers/text.h"
 #include "support/json_object.h"
 #include "support/text.h"
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "fuzz/input.h"
-#include "support/settings_file.h"
+#include "helpers/settings_file.h"
 
 namespace {
 

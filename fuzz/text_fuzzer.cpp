@@ -2,6 +2,7 @@
 #include <stdexcept>
 
 #include "fuzz/input.h"
+#include "helpers/text.h"
 #include "support/text.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "fuzz/input.h"
-#include "support/time_text.h"
+#include "helpers/time_conversion.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "fuzz/input.h"
-#include "support/wildcard.h"
+#include "helpers/wildcard.h"
 
 namespace {
 

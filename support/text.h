@@ -1,47 +1,22 @@
-// Helpers for text. Exported: hosts may call those outside the namespace.
-//
-// None keeps state; all may be called from any thread.
+// Text as the module itself needs it. Callable from any thread.
 #pragma once
 
-#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "onedrive4b/export.h"
 
-/// The pieces of `text` between matches of `separator`. A separator at the start and consecutive
-/// separators give empty pieces, one at the very end gives no empty last piece, and a text without
-/// separator, the empty one included, is one piece.
-ONEDRIVE4B_EXPORT std::vector<std::string> split(const std::string& text,
-                                                 const std::regex& separator);
-ONEDRIVE4B_EXPORT std::vector<std::wstring> split(const std::wstring& text,
-                                                  const std::wregex& separator);
-
-/// Formats as printf does. "" when the C library keeps reporting an error for the arguments.
-ONEDRIVE4B_EXPORT std::string string_format(std::string format, ...);
-
-/// Replaces every `from` in `text` by `to`, left to right, never looking into inserted text. An
-/// empty `from` changes nothing.
-ONEDRIVE4B_EXPORT void replace_all(std::string& text, const std::string& from,
-                                   const std::string& to);
-ONEDRIVE4B_EXPORT void replace_all(std::wstring& text, const std::wstring& from,
-                                   const std::wstring& to);
-
-ONEDRIVE4B_EXPORT bool ends_with(const std::string& text, const std::string& suffix);
-
 /// UTF-8 to wide characters and back, up to U+10FFFF. Malformed text throws std::range_error.
+/// Exported under their C++ names.
 ONEDRIVE4B_EXPORT std::wstring s2ws(const std::string& text);
 ONEDRIVE4B_EXPORT std::string ws2s(const std::wstring& text);
 
-/// Copies `source` without leading and trailing spaces (" " only) to `destination`, which needs
-/// room for the result and its NUL and may be `source` itself.
-ONEDRIVE4B_EXPORT void strip(char* source, char* destination);
-
 namespace onedrive4b {
 
-/// The pieces that split() gives for a single slash, without a regular expression. They point into
-/// `text`.
+/// The pieces between slashes. A slash at the start and consecutive slashes give empty pieces, one
+/// at the very end gives no empty last piece, and a text without a slash, the empty one included,
+/// is one piece. They point into `text`.
 std::vector<std::string_view> SplitAtSlash(std::string_view text);
 
 }  // namespace onedrive4b

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "onedrive4b/records.h"
-#include "support/protocol_util.h"
+#include "support/proxy_kind.h"
 
 namespace onedrive4b {
 

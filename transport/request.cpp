@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 
+#include "support/proxy_kind.h"
 #include "transport/certificate_bundle.h"
 
 namespace onedrive4b {
@@ -30,9 +31,6 @@ constexpr long long kSmallestUploadBuffer = 16 << 10;
 
 // No proxy at all; null would let libcurl take one from the environment.
 constexpr const char* kDirect = "";
-
-// Kinds of proxy, as ProtocolUtil::curlProxyType numbers them.
-enum ProxyKind { kNoProxy, kSocks4, kSocks5, kHttpWithTunnel, kHttpWithoutTunnel };
 
 int SetSendBufferOf(void*, curl_socket_t socket, curlsocktype) {
   setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
@@ -152,19 +150,20 @@ void CURLImpl::SetSendBuffer() { Set(CURLOPT_SOCKOPTFUNCTION, &SetSendBufferOf);
 
 void CURLImpl::SetProxy(int type, std::string host, int port, std::string user,
                         std::string password) {
+  const auto kind = static_cast<ProxyKind>(type);
   Set(CURLOPT_PROXY, kDirect);
-  if (host.empty() || type == kNoProxy) return;
+  if (host.empty() || kind == ProxyKind::kNone) return;
   Set(CURLOPT_PROXY, host.c_str());
-  switch (type) {
-    case kSocks4:
+  switch (kind) {
+    case ProxyKind::kSocks4:
       Set(CURLOPT_PROXYTYPE, long{CURLPROXY_SOCKS4});
       break;
-    case kSocks5:
+    case ProxyKind::kSocks5:
       Set(CURLOPT_PROXYTYPE, long{CURLPROXY_SOCKS5});
       break;
-    case kHttpWithTunnel:
-    case kHttpWithoutTunnel:
-      Set(CURLOPT_HTTPPROXYTUNNEL, type == kHttpWithTunnel ? 1L : 0L);
+    case ProxyKind::kHttpWithTunnel:
+    case ProxyKind::kHttpWithoutTunnel:
+      Set(CURLOPT_HTTPPROXYTUNNEL, kind == ProxyKind::kHttpWithTunnel ? 1L : 0L);
       Set(CURLOPT_PROXYTYPE, long{CURLPROXY_HTTP});
       Set(CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY));
       break;

@@ -100,7 +100,7 @@ class CURLImpl {
   /// Asks for a socket send buffer of 1 MiB.
   void SetSendBuffer();
 
-  /// `type` as ProtocolUtil::curlProxyType gives it. An empty host or type 0 means no proxy; a port
+  /// `type` is a ProxyKind. An empty host or kind 0 means no proxy; a port
   /// of 0 leaves libcurl's default or the port in `host`. Credentials are set when `user` is not
   /// empty.
   void SetProxy(int type, std::string host, int port, std::string user, std::string password);

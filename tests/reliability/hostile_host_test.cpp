@@ -11,12 +11,14 @@
 
 #include <gtest/gtest.h>
 
-#include "support/protocol_util.h"
-#include "support/settings_file.h"
-#include "support/system.h"
+#include "helpers/option_item.h"
+#include "helpers/settings_file.h"
+#include "helpers/system.h"
+#include "helpers/text.h"
+#include "helpers/time_conversion.h"
+#include "helpers/wildcard.h"
+#include "support/proxy_kind.h"
 #include "support/text.h"
-#include "support/time_text.h"
-#include "support/wildcard.h"
 #include "tests/fake_time.h"
 #include "transport/onedrivebiz_curl.h"
 

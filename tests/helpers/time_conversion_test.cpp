@@ -1,6 +1,6 @@
 // Hunts times that shift: by the zone, by daylight saving, or by what the text says after the
 // seconds.
-#include "support/time_text.h"
+#include "helpers/time_conversion.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -8,6 +8,8 @@
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "support/time_text.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "support/settings_file.h"
+#include "helpers/settings_file.h"
 
 #include <array>
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 #include <strings.h>
 
-#include "support/text.h"
+#include "helpers/text.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// Directories and commands. Exported: hosts may call them.
+// Directories and commands.
 #pragma once
 
 #include <string>

@@ -9,11 +9,13 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include "support/protocol_util.h"
-#include "support/settings_file.h"
-#include "support/system.h"
+#include "helpers/option_item.h"
+#include "helpers/settings_file.h"
+#include "helpers/system.h"
+#include "helpers/text.h"
+#include "helpers/wildcard.h"
+#include "support/proxy_kind.h"
 #include "support/text.h"
-#include "support/wildcard.h"
 
 namespace {
 

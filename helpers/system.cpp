@@ -1,4 +1,4 @@
-#include "support/system.h"
+#include "helpers/system.h"
 
 #include <array>
 #include <cerrno>

@@ -1,4 +1,4 @@
-// File-name patterns with the DOS wildcards. Exported: hosts may call them.
+// File-name patterns with the DOS wildcards.
 #pragma once
 
 #include "onedrive4b/export.h"

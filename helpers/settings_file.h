@@ -1,5 +1,4 @@
-// Reader of settings files: "[section]" headers and "name = value" lines. Exported: hosts may call
-// it.
+// Reader of settings files: "[section]" headers and "name = value" lines.
 #pragma once
 
 #include "onedrive4b/export.h"

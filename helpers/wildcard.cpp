@@ -1,4 +1,4 @@
-#include "support/wildcard.h"
+#include "helpers/wildcard.h"
 
 #include <cctype>
 #include <cwctype>
