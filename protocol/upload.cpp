@@ -166,7 +166,7 @@ AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HAND
   SetPosition(*handle, 0);
   UploadProgress progress{{handle->progress, handle->progressctx, nullptr}, file->size, 0, 0};
   const auto send = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
-    progress.InstallOn(*request);
+    request->BindUpload(progress);
     // The URL carries its own authorisation: no token, and nothing of it in a log.
     request->SetPreauthenticatedURL(session.url.c_str());
     request->SetRequest("PUT");

@@ -192,8 +192,12 @@ void CURLImpl::SetSSLDefaults() {
 void CURLImpl::Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback report) {
   progress = {};
   if (handle) progress = {handle->progress, handle->progressctx, curl.get()};
+  Report(report, &progress);
+}
+
+void CURLImpl::Report(curl_xferinfo_callback report, void* to) {
   Set(CURLOPT_XFERINFOFUNCTION, report);
-  Set(CURLOPT_XFERINFODATA, &progress);
+  Set(CURLOPT_XFERINFODATA, to);
   Set(CURLOPT_NOPROGRESS, 0L);
 }
 
@@ -201,6 +205,12 @@ void CURLImpl::BindHandle(std::shared_ptr<_FS_HANDLE> handle) { Bind(handle, _CU
 
 void CURLImpl::BindHandleForDownload(std::shared_ptr<_FS_HANDLE> handle) {
   Bind(handle, _CURL_PROGRESS_DOWNLOAD);
+}
+
+void CURLImpl::BindUpload(UploadProgress& record) {
+  record.curl = curl.get();
+  record.last = 0;
+  Report(_CURL_PROGRESS_ONEDRIVE, &record);
 }
 
 std::string CURLImpl::BuildQueryString(bool escape) const {

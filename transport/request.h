@@ -19,25 +19,13 @@
 
 #include "onedrive4b/records.h"
 #include "transport/easy_option.h"
+#include "transport/message_body.h"
+#include "transport/progress.h"
 #include "transport/transfer_result.h"
 
 struct evbuffer;
 
 namespace onedrive4b {
-
-/// What libcurl's progress data points at: whom to tell, and whose speed to ask.
-struct ProgressBinding {
-  ProgressCallback callback = nullptr;  ///< null for none
-  void* context = nullptr;
-  CURL* curl = nullptr;
-};
-
-/// A request body in memory, as the buffer callbacks read it.
-struct BodyCursor {
-  const char* data = nullptr;
-  std::int64_t offset = 0;  ///< bytes already handed to libcurl
-  std::int64_t length = 0;
-};
 
 class CURLImpl {
  public:
@@ -113,6 +101,8 @@ class CURLImpl {
   /// the two pointers; does not keep the handle.
   void BindHandle(std::shared_ptr<_FS_HANDLE> handle);
   void BindHandleForDownload(std::shared_ptr<_FS_HANDLE> handle);
+  /// Reports the next transfer to the record, which must live until the transfer ends.
+  void BindUpload(UploadProgress& record);
 
   /// key=value pairs joined by "&"; "" for none.
   std::string BuildQueryString(bool escape) const;
@@ -161,25 +151,10 @@ class CURLImpl {
   void FreePost();
   void RenewHandle();
   void Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback report);
+  void Report(curl_xferinfo_callback report, void* to);
   bool HeadersCanBeSent() const;
   std::string BuildURL() const;
   _CURLRTN Run(const char* natural_method, evbuffer* collected);
 };
-
-// Callbacks with libcurl's signatures. None lets an exception into libcurl.
-
-/// Appends to an evbuffer; refuses what would make a collected response larger than 256 MiB.
-std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer);
-/// Copies from a BodyCursor.
-std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t count, void* cursor);
-int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin);
-/// Tells the binding's callback how far a transfer has come, and its speed. Always 0, so that
-/// neither progress nor a callback that throws ends a transfer.
-int ReportProgress(const ProgressBinding* to, CURLINFO speed, curl_off_t total, curl_off_t done);
-/// Report upload and download progress to a ProgressBinding. Always 0.
-int _CURL_PROGRESS(void* binding, curl_off_t download_total, curl_off_t downloaded,
-                   curl_off_t upload_total, curl_off_t uploaded);
-int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
-                            curl_off_t upload_total, curl_off_t uploaded);
 
 }  // namespace onedrive4b

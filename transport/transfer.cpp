@@ -1,8 +1,6 @@
-// The transfer operations of CURLImpl and the callbacks that libcurl calls meanwhile.
+// The transfer operations of CURLImpl.
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <string_view>
 
@@ -13,9 +11,6 @@
 namespace onedrive4b {
 
 namespace {
-
-// A service never answers with more; a compressed bomb would.
-constexpr std::size_t kLargestCollectedResponse = std::size_t{256} << 20;
 
 struct FreeEvbuffer {
   void operator()(evbuffer* buffer) const { evbuffer_free(buffer); }
@@ -198,65 +193,6 @@ _CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long siz
     Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(std::max(size, 0LL)));
   }
   return Run("POST", NewEvbuffer().get());
-}
-
-std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer) {
-  auto* collected = static_cast<evbuffer*>(buffer);
-  const std::size_t length = size * count;
-  if (evbuffer_get_length(collected) + length > kLargestCollectedResponse) return 0;
-  return evbuffer_add(collected, data, length) == 0 ? length : 0;
-}
-
-std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t count,
-                                   void* cursor) {
-  auto* body = static_cast<BodyCursor*>(cursor);
-  if (body->offset < 0 || body->offset >= body->length) return 0;
-  const std::size_t length =
-      std::min(size * count, static_cast<std::size_t>(body->length - body->offset));
-  std::memcpy(buffer, body->data + body->offset, length);
-  body->offset += static_cast<std::int64_t>(length);
-  return length;
-}
-
-int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin) {
-  auto* body = static_cast<BodyCursor*>(cursor);
-  if (body == nullptr) return CURL_SEEKFUNC_FAIL;
-  switch (origin) {
-    case SEEK_SET:
-      body->offset = distance;
-      break;
-    case SEEK_CUR:
-      body->offset += distance;
-      break;
-    case SEEK_END:
-      body->offset = body->length + distance;
-      break;
-    default:
-      break;
-  }
-  return CURL_SEEKFUNC_OK;
-}
-
-int ReportProgress(const ProgressBinding* to, CURLINFO speed, curl_off_t total, curl_off_t done) {
-  if (to == nullptr || to->callback == nullptr) return 0;
-  const curl_off_t bytes_per_second = GetInfo(to->curl, speed, curl_off_t{0});
-  try {
-    to->callback(total, done, to->context, static_cast<double>(bytes_per_second));
-  } catch (...) {
-  }
-  return 0;
-}
-
-int _CURL_PROGRESS(void* binding, curl_off_t, curl_off_t, curl_off_t upload_total,
-                   curl_off_t uploaded) {
-  return ReportProgress(static_cast<const ProgressBinding*>(binding), CURLINFO_SPEED_UPLOAD_T,
-                        upload_total, uploaded);
-}
-
-int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
-                            curl_off_t, curl_off_t) {
-  return ReportProgress(static_cast<const ProgressBinding*>(binding), CURLINFO_SPEED_DOWNLOAD_T,
-                        download_total, downloaded);
 }
 
 }  // namespace onedrive4b

@@ -273,9 +273,9 @@ TEST(Progress, CountsAnUploadOverItsRequests) {
     static_cast<std::vector<std::pair<long long, long long>>*>(context)->emplace_back(total, done);
   };
   progress.total = 100;
-  const OneDriveBizCURL request;
+  OneDriveBizCURL request;
   for (const long uploaded : {4L, 10L}) {
-    progress.InstallOn(request);
+    request.BindUpload(progress);
     _CURL_PROGRESS_ONEDRIVE(&progress, 0, 0, 0, 3);
     _CURL_PROGRESS_ONEDRIVE(&progress, 0, 0, 0, uploaded);
   }

@@ -1,0 +1,29 @@
+// Where the bytes of requests come from and those of responses go: libcurl callbacks over memory.
+//
+// The callbacks run on the transferring thread. None lets an exception into libcurl.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include <curl/curl.h>
+
+namespace onedrive4b {
+
+/// A request body in memory, as the buffer callbacks read it.
+struct BodyCursor {
+  const char* data = nullptr;
+  std::int64_t offset = 0;  ///< bytes already handed to libcurl
+  std::int64_t length = 0;
+};
+
+/// libcurl read function over a BodyCursor.
+std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t count, void* cursor);
+/// libcurl seek function over a BodyCursor.
+int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin);
+
+/// libcurl write function that appends to an evbuffer; refuses what would make a collected response
+/// larger than 256 MiB.
+std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer);
+
+}  // namespace onedrive4b

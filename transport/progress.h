@@ -1,0 +1,38 @@
+// Progress of a transfer, as libcurl's transfer-information callbacks report it to the host.
+//
+// The callbacks run on the transferring thread. None lets an exception into libcurl.
+#pragma once
+
+#include <cstdint>
+
+#include <curl/curl.h>
+
+#include "onedrive4b/records.h"
+
+namespace onedrive4b {
+
+/// What libcurl's progress data points at: whom to tell, and whose speed to ask.
+struct ProgressBinding {
+  ProgressCallback callback = nullptr;  ///< null for none
+  void* context = nullptr;
+  CURL* curl = nullptr;
+};
+
+/// Progress of one upload that is sent in several requests, counted over all of them.
+struct UploadProgress : ProgressBinding {
+  std::int64_t total = 0;  ///< bytes of the whole upload
+  std::int64_t last = 0;   ///< libcurl's count at the previous call within the current request
+  std::int64_t sent = 0;   ///< bytes counted so far; those of a failed attempt stay counted
+};
+
+/// Report upload and download progress to a ProgressBinding. Always 0, so that neither progress nor
+/// a callback that throws ends a transfer.
+int _CURL_PROGRESS(void* binding, curl_off_t download_total, curl_off_t downloaded,
+                   curl_off_t upload_total, curl_off_t uploaded);
+int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
+                            curl_off_t upload_total, curl_off_t uploaded);
+/// Reports to an UploadProgress. Always 0.
+int _CURL_PROGRESS_ONEDRIVE(void* record, curl_off_t download_total, curl_off_t downloaded,
+                            curl_off_t upload_total, curl_off_t uploaded);
+
+}  // namespace onedrive4b
