@@ -5,6 +5,7 @@
 
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/response_json.h"
 #include "support/edge.h"
 #include "support/log.h"
 
@@ -117,17 +118,6 @@ void About::StopRepeatRefreshToken() {
   for (std::future<void>& task : futures_) task.wait();
   futures_.clear();
   __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s finished", kName);
-}
-
-AERROR OneDriveBiz::GetQuota(std::uint64_t* total, std::uint64_t* used) {
-  return AtEdge([&] { return about_ ? about_->GetQuota(total, used) : INVALID_PARAMETER; });
-}
-
-AERROR OneDriveBiz::GetUserInfo(char* buffer, int* length) {
-  return AtEdge([&] {
-    if (buffer == nullptr || length == nullptr || !about_) return INVALID_PARAMETER;
-    return CopyText(about_->GetDisplayName(), buffer, length);
-  });
 }
 
 }  // namespace onedrive4b

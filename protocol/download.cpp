@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "protocol/onedrivebiz.h"
-#include "protocol/transfer_handle.h"
+#include "transport/transfer_handle.h"
 #include "support/edge.h"
 
 namespace onedrive4b {

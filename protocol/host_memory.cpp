@@ -1,19 +1,10 @@
 #include "protocol/host_memory.h"
 
-#include <cstring>
 #include <ctime>
 
 #include "support/time_text.h"
 
 namespace onedrive4b {
-
-AERROR CopyText(const std::string& text, char* buffer, int* length) {
-  if (buffer == nullptr || length == nullptr) return INVALID_PARAMETER;
-  if (*length < static_cast<std::int64_t>(text.size())) return INSUFFICIENT_BUFFER;
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  *length = static_cast<int>(text.size());
-  return SUCCESS;
-}
 
 std::string LocalTimeText() {
   const std::time_t now = std::time(nullptr);

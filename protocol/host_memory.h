@@ -17,11 +17,6 @@ inline constexpr std::uint32_t kSynthesisedFolder = 0x42;
 /// Never null, for "%s" and for copying.
 inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
 
-/// Copies the text with its NUL and sets `*length` to its length without the NUL. `*length` says on
-/// entry what the buffer takes besides the NUL; when that is too little the result is
-/// INSUFFICIENT_BUFFER and nothing changes.
-AERROR CopyText(const std::string& text, char* buffer, int* length);
-
 /// Now, as the host shows it for synthesised folders: local wall time in RFC 3339 form.
 std::string LocalTimeText();
 

@@ -27,11 +27,4 @@ std::string OneDriveBiz::GetUrl(const char* id) {
   return service_endpoint_ + "/drive/items/" + id;
 }
 
-AERROR OneDriveBiz::GetRootID(char* buffer, int* length) {
-  return AtEdge([&] {
-    if (length == nullptr) return ACCESS_DENIED;
-    return CopyText(show_shared_ ? "" : "root", buffer, length);
-  });
-}
-
 }  // namespace onedrive4b

@@ -5,6 +5,7 @@
 
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/response_json.h"
 #include "support/log.h"
 #include "support/text.h"
 

@@ -6,6 +6,7 @@
 
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/response_json.h"
 #include "support/edge.h"
 #include "support/memory.h"
 

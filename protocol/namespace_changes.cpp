@@ -135,9 +135,4 @@ AERROR OneDriveBiz::DeleteDirectory(_FS_FILE_V2* file, char** message) {
   return Delete(file, message);
 }
 
-AERROR OneDriveBiz::SetFileTime(const char*, std::string, std::string, std::string, _FS_FILE_V2*,
-                                char**) {
-  return NOT_SUPPORTED;
-}
-
 }  // namespace onedrive4b

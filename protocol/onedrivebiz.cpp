@@ -1,4 +1,4 @@
-// The protocol object itself: construction, options, descriptors, and what needs no request.
+// The protocol object itself: construction, options, and what all requests share.
 #include "protocol/onedrivebiz.h"
 
 #include <array>
@@ -20,8 +20,6 @@ namespace {
 
 constexpr const char* kModuleKey = "onedrivebiz.dll_1.0.0.0";
 constexpr int kPidBuffer = 256;
-constexpr int kFeatures = 0x140;
-constexpr int kAuthType = 2;
 constexpr int kUnauthorized = 401;
 
 // The worldwide service. Its operator has retired it and national clouds have others, so the option
@@ -34,42 +32,6 @@ std::string ReadPid(IProtocolManager* manager) {
   int length = kPidBuffer;
   manager->GetPID(kModuleKey, buffer.data(), &length);
   return buffer.data();
-}
-
-// The descriptors are copied with their NUL into a buffer of `*length` bytes besides it.
-AERROR CopyDescriptor(const std::string& text, char* buffer, int* length) {
-  if (*length < static_cast<std::int64_t>(text.size())) return INSUFFICIENT_BUFFER;
-  if (buffer == nullptr) return INVALID_PARAMETER;
-  std::memset(buffer, 0, static_cast<std::size_t>(*length));
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  *length = static_cast<int>(text.size());
-  return SUCCESS;
-}
-
-std::string LoginPage() {
-  JsonObject page = JsonObject::GetEmptyObject();
-  page["protocol"] = std::string(OneDriveBiz::kProtocolName);
-  JsonObject params = page["params"];
-  params["width"] = std::string("500");
-  params["height"] = std::string("600");
-  params["title"] = std::string("OneDrive for Business Login");
-  return page.ToText();
-}
-
-std::string OptionsPage() {
-  JsonObject checkbox = JsonObject::GetEmptyObject();
-  checkbox["type"] = std::string("checkbox");
-  checkbox["text"] = std::string("Show shared file/folders");
-  checkbox.Insert("default", JsonObject("true"));
-
-  JsonObject page = JsonObject::GetEmptyObject();
-  JsonObject group = page["options"];
-  group["type"] = std::string("group");
-  group["text"] = std::string("Options");
-  group["controls"].Insert("show_shared", checkbox);
-  group["order"].InsertArrayItem("show_shared");
-  page["order"].InsertArrayItem("options");
-  return page.ToText();
 }
 
 // Each member is stored as soon as it has been read.
@@ -108,6 +70,8 @@ void OneDriveBiz::Release() {
   delete this;
   __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s finished", kName);
 }
+
+void OneDriveBiz::FreeMsg(char* message) { std::free(message); }
 
 AERROR OneDriveBiz::Query(const char* name, StepFunction step, Answers answers) {
   answers.by_status.insert_or_assign(kUnauthorized, StatusHandler(on_unauthorized_, ""));
@@ -153,43 +117,5 @@ void OneDriveBiz::SetOptionFields(const char* text) {
     }
   }
 }
-
-int OneDriveBiz::GetAuthType() noexcept { return kAuthType; }
-
-AERROR OneDriveBiz::GetAuthFields(char* buffer, int* length) noexcept {
-  return AtEdge([&] {
-    if (length == nullptr) return INVALID_PARAMETER;
-    return CopyDescriptor(LoginPage(), buffer, length);
-  });
-}
-
-AERROR OneDriveBiz::GetOptFields(char* buffer, int* length) noexcept {
-  return AtEdge([&] {
-    if (length == nullptr) return INVALID_PARAMETER;
-    const std::string text = OptionsPage();
-    const AERROR result = CopyDescriptor(text, buffer, length);
-    if (result == INSUFFICIENT_BUFFER) *length = static_cast<int>(text.size());
-    return result;
-  });
-}
-
-AERROR OneDriveBiz::GetType(char** out) {
-  if (out == nullptr) return INVALID_PARAMETER;
-  // Static and never freed; only the host's signature is not const.
-  *out = const_cast<char*>(kProtocolName);
-  return SUCCESS;
-}
-
-int OneDriveBiz::GetFeature() { return kFeatures; }
-
-AERROR OneDriveBiz::GetIdentifier(char*, int*) { return SUCCESS; }
-
-AERROR OneDriveBiz::SetQuota(std::uint64_t, std::uint64_t) { return SUCCESS; }
-
-void OneDriveBiz::SetQuotaCallback(void*, bool (*)(void*, void*, std::int64_t*, std::int64_t*)) {}
-
-AERROR OneDriveBiz::GetChanges(IFileChanges*, char**) { return SUCCESS; }
-
-void OneDriveBiz::FreeMsg(char* message) { std::free(message); }
 
 }  // namespace onedrive4b

@@ -24,72 +24,50 @@ namespace onedrive4b {
 
 class About;
 class AuthorizedReply;
+struct UploadSession;
 
 class OneDriveBiz : public IProtocol_V2 {
  public:
   static constexpr const char* kProtocolName = "onedrive4b";
 
+  // The object itself and its options: onedrivebiz.cpp.
+
   /// Asks the manager, which may be null, for the id of the object's stored values.
   OneDriveBiz(const char* name, IProtocolManager* manager);
   OneDriveBiz(const OneDriveBiz&) = delete;
   OneDriveBiz& operator=(const OneDriveBiz&) = delete;
-
-  void Release() override;
-  AERROR GetUserInfo(char* buffer, int* length) override;
-  AERROR GetQuota(std::uint64_t* total, std::uint64_t* used) override;
-  AERROR SetQuota(std::uint64_t total, std::uint64_t used) override;
-  AERROR GetType(char** out) override;
-  AERROR GetFileList(const char* id, IFileList* list, char** message) override;
-  AERROR GetChanges(IFileChanges* changes, char** message) override;
-  AERROR GetFileInfo(const char* id, _FS_FILE_V2* file, char** message) override;
-  AERROR Rename(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
-  AERROR Move(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
-  AERROR MoveDir(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
-  AERROR CreateDirectory(const char* parent, _FS_FILE_V2* file, char** message) override;
-  AERROR Delete(_FS_FILE_V2* file, char** message) override;
-  AERROR DeleteDirectory(_FS_FILE_V2* file, char** message) override;
-  AERROR Read(const char* id, std::int64_t offset, std::int64_t length,
-              std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* callback,
-              char** message) override;
-  AERROR Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
-                _FS_FILE_V2* file, UPLOAD_FLAG flag, char** message) override;
-  AERROR SetFileTime(const char* id, std::string created, std::string modified,
-                     std::string accessed, _FS_FILE_V2* file, char** message) override;
-  AERROR SetOpt(const char* key, const char* value) override;
-  AERROR GetCredential(char* buffer, int* length) override;
-  int GetFeature() override;
-  void SetQuotaCallback(void* context,
-                        bool (*callback)(void* context, void* reserved, std::int64_t* total,
-                                         std::int64_t* used)) override;
-  void FreeMsg(char* message) override;
-  AERROR Connect(IProtocolAuth* auth, const char* credential) override;
-  AERROR GetIdentifier(char* buffer, int* length) override;
-  AERROR GetRootID(char* buffer, int* length) override;
-
   virtual ~OneDriveBiz();
 
-  /// URL of the item's resource; null is the drive root. Ids stand in it verbatim.
-  virtual std::string GetUrl(const char* id);
+  void Release() override;
+  AERROR SetOpt(const char* key, const char* value) override;
+  void FreeMsg(char* message) override;
 
+  // What needs no request, but for the quota: getters.cpp.
+
+  AERROR GetUserInfo(char* buffer, int* length) override;
+  AERROR GetQuota(std::uint64_t* total, std::uint64_t* used) override;
+  AERROR GetCredential(char* buffer, int* length) override;
+  AERROR GetRootID(char* buffer, int* length) override;
+  AERROR GetIdentifier(char* buffer, int* length) override;
+  AERROR GetType(char** out) override;
+  int GetFeature() override;
   static int GetAuthType() noexcept;
   static AERROR GetAuthFields(char* buffer, int* length) noexcept;
   static AERROR GetOptFields(char* buffer, int* length) noexcept;
 
-  /// Whether the id names an item of another user's drive.
-  static bool IsRemoteFile(const char* id);
+  // What the protocol does not have: not_supported.cpp.
 
-  /// Writes what the item's JSON supplies into the record and leaves the rest. `parentId` is the id
-  /// through which the item was reached, null for the shared view. Throws for an item without id or
-  /// name and for a file without size, after the fields before have been written.
-  static void FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file);
+  AERROR SetQuota(std::uint64_t total, std::uint64_t used) override;
+  void SetQuotaCallback(void* context,
+                        bool (*callback)(void* context, void* reserved, std::int64_t* total,
+                                         std::int64_t* used)) override;
+  AERROR GetChanges(IFileChanges* changes, char** message) override;
+  AERROR SetFileTime(const char* id, std::string created, std::string modified,
+                     std::string accessed, _FS_FILE_V2* file, char** message) override;
 
-  /// Lists what other users have shared with the account.
-  AERROR GetSharedFileList(IFileList* list, char** message);
+  // Sign-in and tokens: sign_in.cpp.
 
-  AERROR UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
-                          _FS_FILE_V2* file, char** message);
-  AERROR UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
-                         _FS_FILE_V2* file, char** message);
+  AERROR Connect(IProtocolAuth* auth, const char* credential) override;
 
   /// Renews both tokens through the host: RETRY when the caller may repeat its request, else
   /// FAILED. One renewal runs at a time and serves all that arrive meanwhile; within 3660 s of the
@@ -108,6 +86,48 @@ class OneDriveBiz : public IProtocol_V2 {
   template <typename Account>
   AERROR AddAbout(std::string endpoint);
 
+  // Ids, URLs and records: item_address.cpp, item_metadata.cpp.
+
+  /// URL of the item's resource; null is the drive root. Ids stand in it verbatim.
+  virtual std::string GetUrl(const char* id);
+
+  /// Whether the id names an item of another user's drive.
+  static bool IsRemoteFile(const char* id);
+
+  /// Writes what the item's JSON supplies into the record and leaves the rest. `parentId` is the id
+  /// through which the item was reached, null for the shared view. Throws for an item without id or
+  /// name and for a file without size, after the fields before have been written.
+  static void FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file);
+
+  // Listing and lookup: listing.cpp.
+
+  AERROR GetFileList(const char* id, IFileList* list, char** message) override;
+  AERROR GetFileInfo(const char* id, _FS_FILE_V2* file, char** message) override;
+
+  /// Lists what other users have shared with the account.
+  AERROR GetSharedFileList(IFileList* list, char** message);
+
+  // Changes of the tree: namespace_changes.cpp.
+
+  AERROR Rename(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR Move(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR MoveDir(const char* id, const char* target, _FS_FILE_V2* file, char** message) override;
+  AERROR CreateDirectory(const char* parent, _FS_FILE_V2* file, char** message) override;
+  AERROR Delete(_FS_FILE_V2* file, char** message) override;
+  AERROR DeleteDirectory(_FS_FILE_V2* file, char** message) override;
+
+  // Content: download.cpp, upload.cpp.
+
+  AERROR Read(const char* id, std::int64_t offset, std::int64_t length,
+              std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* callback,
+              char** message) override;
+  AERROR Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                _FS_FILE_V2* file, UPLOAD_FLAG flag, char** message) override;
+  AERROR UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                          _FS_FILE_V2* file, char** message);
+  AERROR UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* cache,
+                         _FS_FILE_V2* file, char** message);
+
  private:
   friend class About;
 
@@ -120,13 +140,16 @@ class OneDriveBiz : public IProtocol_V2 {
     TransferErrors curl_errors = {};
   };
 
+  // onedrivebiz.cpp
+
   // Runs a request with tokens renewed on 401.
   AERROR Query(const char* name, StepFunction step, Answers answers);
   bool SignedIn() const { return service_auth_ != nullptr; }
   // Sets the URL and signs the request, unless the URL leaves the service's origin.
   void Address(const std::shared_ptr<OneDriveBizCURL>& request, const std::string& url);
-
   void SetOptionFields(const char* text);
+
+  // sign_in.cpp
 
   // Credential text with the stored refresh token moved into it, or as it is.
   std::string TakeStoredToken(const char* credential);
@@ -140,15 +163,28 @@ class OneDriveBiz : public IProtocol_V2 {
   // work. Holds nothing inside a renewal, which has the lock already.
   std::unique_lock<std::mutex> LockTokens();
 
-  AERROR ListPages(const char* name, std::string url, const char* parent, IFileList* list);
+  // item_metadata.cpp
 
   // Fills `file` as a whole from a response that is an item; leaves it alone when that fails.
   static StatusHandler ItemHandler(const char* parent, _FS_FILE_V2* file);
+
+  // listing.cpp
+
+  AERROR ListPages(const char* name, std::string url, const char* parent, IFileList* list);
+
+  // namespace_changes.cpp
+
   // The record's entity tag, or the service's present one.
   AERROR FindETag(const char* id, const _FS_FILE_V2& file, char** message,
                   std::shared_ptr<char[]>& etag);
   AERROR PatchItem(const char* name, const char* id, const std::shared_ptr<char[]>& etag,
                    const JsonObject& changes, _FS_FILE_V2* file);
+
+  // upload.cpp
+
+  AERROR MakeUploadSession(const char* parent, const _FS_FILE_V2& file, UploadSession& session);
+  AERROR SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* cache,
+                    UploadSession& session, _FS_FILE_V2* file);
 
   std::string refresh_token_;  // this, protocol_auth_, credential_ and auth_: see LockTokens
   std::string resource_id_;
@@ -174,10 +210,5 @@ class OneDriveBiz : public IProtocol_V2 {
   std::atomic<std::thread::id> renewing_thread_{};
   std::string discovery_url_;
 };
-
-/// Text of a response body as JSON. Throws JSON_PARSE_FAILED.
-inline JsonObject ParseBody(const _CURLRTN& exchange) {
-  return JsonObject(exchange.body.get(), exchange.bodylen);
-}
 
 }  // namespace onedrive4b

@@ -10,6 +10,7 @@
 #include "protocol/authorized_reply.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/response_json.h"
 #include "support/edge.h"
 #include "support/log.h"
 
@@ -254,16 +255,6 @@ AERROR OneDriveBiz::RenewTokens() {
   }
   KeepRefreshToken(reply, "RefreshAuth");
   return RETRY;
-}
-
-AERROR OneDriveBiz::GetCredential(char* buffer, int* length) {
-  return AtEdge([&] {
-    if (manager_ == nullptr) return INVALID_PARAMETER;
-    if (!auth_) return FS_NEED_AUTHORIZE;
-    const AERROR result = CopyText(credential_, buffer, length);
-    if (result == SUCCESS) manager_->SetValue(pid_.c_str(), "pid", pid_.c_str());
-    return result;
-  });
 }
 
 }  // namespace onedrive4b

@@ -5,17 +5,12 @@
 
 #include "protocol/content_types.h"
 #include "protocol/onedrivebiz.h"
-#include "protocol/transfer_handle.h"
+#include "protocol/response_json.h"
+#include "transport/transfer_handle.h"
 #include "support/edge.h"
 #include "support/log.h"
 
 namespace onedrive4b {
-
-namespace {
-
-constexpr std::int64_t kLargestSimpleUpload = 104857599;
-constexpr std::uint64_t kLargestChunk = 10485760;
-constexpr long kLowSpeedTimeout = 60;  // seconds
 
 // An upload session, and how far it has come.
 struct UploadSession {
@@ -32,6 +27,15 @@ struct UploadSession {
            std::to_string(size);
   }
 };
+
+namespace {
+
+constexpr std::int64_t kLargestSimpleUpload = 104857599;
+constexpr std::uint64_t kLargestChunk = 10485760;
+constexpr long kLowSpeedTimeout = 60;  // seconds
+
+// Both requests of a large upload are logged under this name.
+constexpr const char* kUploadLargeItem = "UploadLargeItem";
 
 AERROR TakeSession(const _CURLRTN& exchange, UploadSession& session) {
   try {
@@ -146,26 +150,33 @@ AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HAN
 
 AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
                                     ICacheIO* cache, _FS_FILE_V2* file, char**) {
-  constexpr const char* kName = "UploadLargeItem";
   UploadSession session;
   session.size = session.length = static_cast<std::uint64_t>(file->size);
-  const auto create = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
+  const AERROR made = MakeUploadSession(parent, *file, session);
+  if (made != SUCCESS || session.url.empty()) return FILE_WRITE_FAILED;
+  return SendChunks(parent, handle, cache, session, file);
+}
+
+AERROR OneDriveBiz::MakeUploadSession(const char* parent, const _FS_FILE_V2& file,
+                                      UploadSession& session) {
+  const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
     const std::string url =
-        GetUrl(parent) + ":/" + request->Escape(file->filename.c_str()) + ":/upload.createSession";
+        GetUrl(parent) + ":/" + request->Escape(file.filename.c_str()) + ":/upload.createSession";
     JsonObject body = JsonObject::GetEmptyObject();
-    body["item"]["name"] = file->filename;
+    body["item"]["name"] = file.filename;
     request->AddHeader("Content-Type", kJsonContent);
     Address(request, url);
     return request->PerformPost(body.ToText());
   };
-  const StatusHandler created([&](_CURLRTN& exchange) { return TakeSession(exchange, session); },
-                              "");
-  const AERROR begun = Query(kName, create, {.by_class = {{200, created}}});
-  if (begun != SUCCESS || session.url.empty()) return FILE_WRITE_FAILED;
+  const StatusHandler made([&](_CURLRTN& exchange) { return TakeSession(exchange, session); }, "");
+  return Query(kUploadLargeItem, step, {.by_class = {{200, made}}});
+}
 
+AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
+                               ICacheIO* cache, UploadSession& session, _FS_FILE_V2* file) {
   SetPosition(*handle, 0);
   UploadProgress progress{{handle->progress, handle->progressctx, nullptr}, file->size, 0, 0};
-  const auto send = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
+  const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
     request->BindUpload(progress);
     // The URL carries its own authorisation: no token, and nothing of it in a log.
     request->SetPreauthenticatedURL(session.url.c_str());
@@ -191,7 +202,7 @@ AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HAND
       "");
   // Any other answer below 400 would pass for success, with the file nowhere.
   const StatusHandler unexpected([](_CURLRTN&) { return FAILED; }, "");
-  return Query(kName, send,
+  return Query(kUploadLargeItem, step,
                {.by_class = {{200, unexpected}, {300, unexpected}},
                 .by_status = {{200, stored}, {201, stored}, {202, accepted}}});
 }
