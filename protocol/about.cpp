@@ -39,7 +39,11 @@ About::About(OneDriveBiz* owner, std::string endpoint, bool fetch_now)
   if (fetch_now) About::Process(nullptr);
 }
 
-About::~About() { wait_or_kill_.Kill(); }
+// The task of a future that is destroyed while it runs uses the members declared behind it.
+About::~About() {
+  wait_or_kill_.Kill();
+  futures_.clear();
+}
 
 void About::Process(void*) {
   constexpr const char* kName = "Process";

@@ -77,7 +77,6 @@ AERROR OneDriveBiz::GetUserInfo(char* buffer, int* length) {
 
 AERROR OneDriveBiz::GetCredential(char* buffer, int* length) {
   return AtEdge([&] {
-    if (manager_ == nullptr) return INVALID_PARAMETER;
     if (!auth_) return FS_NEED_AUTHORIZE;
     const AERROR result = CopyText(credential_, buffer, length);
     if (result == SUCCESS) manager_->SetValue(pid_.c_str(), "pid", pid_.c_str());

@@ -51,8 +51,8 @@ void TakeKindAndSize(const JsonObject& item, _FS_FILE_V2& file) {
 void OneDriveBiz::FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file) {
   file->id = ChildId(parentId, TextAt(item, "/id"));
   file->filename = TextAt(item, "/name");
-  file->eTag.reset();
-  if (const auto tag = item.FindObject("/eTag")) file->eTag = CopyOf(TextOf(*tag));
+  const auto tag = item.FindObject("/eTag");
+  file->eTag = tag ? CopyOf(TextOf(*tag)) : nullptr;
   if (const auto created = item.FindObject("/createdDateTime")) file->crtime = TextOf(*created);
   if (const auto modified = item.FindObject("/lastModifiedDateTime")) {
     file->lasttime = TextOf(*modified);

@@ -131,7 +131,10 @@ bool JsonObject::RemoveArrayItem(unsigned long index) {
   return target->removeIndex(static_cast<Json::ArrayIndex>(index), &removed);
 }
 
-bool JsonObject::Remove(const char* key) { return target->removeMember(key, nullptr); }
+bool JsonObject::Remove(const char* key) {
+  Json::Value removed;  // jsoncpp before 1.9 writes to it
+  return target->removeMember(key, &removed);
+}
 
 JsonObject::operator std::string() const {
   std::string text = target->asString();

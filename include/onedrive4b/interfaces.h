@@ -143,10 +143,12 @@ class IRefObject {
 /// need, and FAILED where nothing more exact is known.
 class IProtocol_V1 : public IRefObject {
  public:
-  /// Display name of the signed-in user. `*length`: in, characters the buffer takes besides the
-  /// terminating NUL; out, the name's length. INSUFFICIENT_BUFFER leaves it unchanged.
+  /// Display name of the signed-in user; INVALID_PARAMETER before Connect. `*length`: in,
+  /// characters the buffer takes besides the terminating NUL; out, the name's length.
+  /// INSUFFICIENT_BUFFER leaves it unchanged.
   virtual AERROR GetUserInfo(char* buffer, int* length) = 0;
   /// Bytes of storage; either pointer may be null. Asks the service at most once a minute.
+  /// INVALID_PARAMETER before Connect.
   virtual AERROR GetQuota(std::uint64_t* total, std::uint64_t* used) = 0;
   /// Accepted and ignored.
   virtual AERROR SetQuota(std::uint64_t total, std::uint64_t used) = 0;
