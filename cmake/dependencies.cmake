@@ -1,4 +1,4 @@
-find_package(CURL 7.85 REQUIRED)
+find_package(CURL 7.87 REQUIRED)
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)

@@ -4,8 +4,6 @@
 #include <chrono>
 #include <utility>
 
-#include "support/steady_time.h"
-
 namespace onedrive4b {
 
 namespace {
@@ -28,8 +26,8 @@ AERROR ExponentialBackoff::Backoff() {
   if (total == 0) return FAILED;
   const std::int32_t step = total - left;
   --left;
-  TimeSource().sleep_for(std::chrono::seconds(1 << step));
-  return RETRY;
+  TimeSource().sleep_for(std::chrono::seconds(1 << step), stop_);
+  return stop_ && stop_() ? FAILED : RETRY;
 }
 
 }  // namespace onedrive4b

@@ -5,8 +5,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <utility>
 
 #include "onedrive4b/aerror.h"
+#include "support/steady_time.h"
 
 namespace onedrive4b {
 
@@ -35,6 +37,9 @@ class ExponentialBackoff : public IBackoff {
   /// `count` steps, at most 16; a negative count means 5.
   ExponentialBackoff(std::deque<int> backoff_codes, int count);
 
+  /// Ends a wait early, and gives no further one, once `stop` says so.
+  void StopWith(StopSignal stop) { stop_ = std::move(stop); }
+
   bool IsBackoffCode(int code) override;
   bool IsAvaliable() override { return left > 0; }
   int GetLeft() override { return left; }
@@ -44,6 +49,7 @@ class ExponentialBackoff : public IBackoff {
   std::deque<int> codes;
   std::int32_t total;
   std::int32_t left;
+  StopSignal stop_;
 };
 
 }  // namespace onedrive4b

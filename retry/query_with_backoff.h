@@ -9,6 +9,7 @@
 #include "onedrive4b/aerror.h"
 #include "retry/func_ext.h"
 #include "support/log.h"
+#include "support/steady_time.h"
 #include "transport/handle_pool.h"
 #include "transport/request.h"
 
@@ -44,6 +45,13 @@ class BackoffQuery {
         range_handlers_(range_handlers),
         code_handlers_(code_handlers),
         curl_errors_(curl_errors) {}
+
+  /// Once `stop` says so, waits end and the call fails.
+  void StopWith(StopSignal stop) {
+    if constexpr (requires(Backoff & policy) { policy.StopWith(stop); }) {
+      backoff_->StopWith(std::move(stop));
+    }
+  }
 
   AERROR Run() {
     if (!step_.func) return INVALID_PARAMETER;
@@ -155,13 +163,17 @@ class BackoffQuery {
 /// and gives its entry of `curlErrors`, else FAILED; a step without callable gives
 /// INVALID_PARAMETER.
 ///
+/// Once `stop` says so, a wait ends early and the call with FAILED; empty: never.
+///
 /// Runs on the calling thread, waits included. What step or handler throw leaves the routine after
 /// the request object has gone back to the pool.
 template <typename Backoff, typename Queue>
 AERROR QueryWithBackoff(Queue& pool, Step<typename Queue::value_type> step,
                         StatusHandlers rangeHandlers, StatusHandlers codeHandlers,
-                        TransferErrors curlErrors) {
-  return BackoffQuery<Backoff, Queue>(pool, step, rangeHandlers, codeHandlers, curlErrors).Run();
+                        TransferErrors curlErrors, StopSignal stop = {}) {
+  BackoffQuery<Backoff, Queue> query(pool, step, rangeHandlers, codeHandlers, curlErrors);
+  if (stop) query.StopWith(std::move(stop));
+  return query.Run();
 }
 
 }  // namespace onedrive4b

@@ -2,16 +2,21 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 
 namespace onedrive4b {
 
-/// Tests put a source of their own in place, so that nobody waits for a back-off or for a token to
-/// grow old.
+/// Whether a wait is to end early. Empty: never.
+using StopSignal = std::function<bool()>;
+
+/// Tests put a source of their own in place, so that a test waits neither for a back-off
+/// nor for a token to grow old.
 struct SteadyTime {
   using Clock = std::chrono::steady_clock;
 
   Clock::time_point (*now)();
-  void (*sleep_for)(std::chrono::seconds duration);  ///< blocks the calling thread
+  /// Blocks the calling thread; looks at `stop` several times a second.
+  void (*sleep_for)(std::chrono::seconds duration, const StopSignal& stop);
 };
 
 /// The source in use. Not locked: replaced only while no operation runs.

@@ -7,14 +7,16 @@
 
 #include "support/steady_time.h"
 
-/// In place of the module's clock for its lifetime. Sleeping takes no time and is recorded.
+/// In place of the module's clock for its lifetime. Sleeping takes no time and is recorded, unless
+/// it is told to stop.
 class FakeTime {
  public:
   FakeTime() : real_(onedrive4b::TimeSource()) {
     now_ = onedrive4b::SteadyTime::Clock::now();
     waits_.clear();
     onedrive4b::TimeSource() = {[] { return now_; },
-                                [](std::chrono::seconds wait) {
+                                [](std::chrono::seconds wait, const onedrive4b::StopSignal& stop) {
+                                  if (stop && stop()) return;
                                   waits_.push_back(wait.count());
                                   now_ += wait;
                                 }};
@@ -39,7 +41,7 @@ class ShiftedTime {
   ShiftedTime() : real_(onedrive4b::TimeSource()) {
     onedrive4b::TimeSource() = {
         [] { return onedrive4b::SteadyTime::Clock::now() + std::chrono::hours(hours_); },
-        [](std::chrono::seconds) {}};
+        [](std::chrono::seconds, const onedrive4b::StopSignal&) {}};
   }
   ShiftedTime(const ShiftedTime&) = delete;
   ShiftedTime& operator=(const ShiftedTime&) = delete;

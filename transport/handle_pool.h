@@ -67,7 +67,13 @@ class AutoPutCURL {
       : handle_(std::move(handle)), pool_(pool) {}
   AutoPutCURL(const AutoPutCURL&) = delete;
   AutoPutCURL& operator=(const AutoPutCURL&) = delete;
-  virtual ~AutoPutCURL() { pool_->PutCURL(std::move(handle_)); }
+  /// A request object for which there is no memory in the pool is gone; the pool makes another.
+  virtual ~AutoPutCURL() {
+    try {
+      pool_->PutCURL(std::move(handle_));
+    } catch (...) {
+    }
+  }
 
  private:
   std::shared_ptr<T> handle_;

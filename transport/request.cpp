@@ -2,10 +2,12 @@
 
 #include <algorithm>
 
+#include <dlfcn.h>
 #include <sys/socket.h>
 
 #include "support/proxy_kind.h"
 #include "transport/certificate_bundle.h"
+#include "transport/transfer_handle.h"
 
 namespace onedrive4b {
 
@@ -37,7 +39,27 @@ int SetSendBufferOf(void*, curl_socket_t socket, curlsocktype) {
   return CURL_SOCKOPT_OK;
 }
 
+// A transfer that is stopped while a name is looked up leaves libcurl's resolver thread behind. The
+// library must not be unloaded, together with the module, before that thread has ended.
+void KeepLibcurlLoaded() {
+  Dl_info library{};
+  if (dladdr(reinterpret_cast<void*>(&curl_easy_init), &library) != 0) {
+    dlopen(library.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
+  }
+}
+
 const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
+
+std::shared_ptr<CURLSH> NewShare() {
+  std::shared_ptr<CURLSH> share(curl_share_init(),
+                                [](CURLSH* owned) { curl_share_cleanup(owned); });
+  // One thread at a time uses the request object, so the share needs no locks.
+  for (const curl_lock_data data :
+       {CURL_LOCK_DATA_CONNECT, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS}) {
+    curl_share_setopt(share.get(), CURLSHOPT_SHARE, data);
+  }
+  return share;
+}
 
 std::string TakeCurlText(char* text) {
   const std::unique_ptr<char, decltype(&curl_free)> owned(text, curl_free);
@@ -46,7 +68,8 @@ std::string TakeCurlText(char* text) {
 
 }  // namespace
 
-CURLImpl::CURLImpl() : curl(curl_easy_init(), curl_easy_cleanup) {
+CURLImpl::CURLImpl() : kept(NewShare()) {
+  Adopt(curl_easy_init());
   Set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
   Set(CURLOPT_CONNECTTIMEOUT, connecttimeout);
   Set(CURLOPT_LOW_SPEED_LIMIT, kLowSpeedLimit);
@@ -74,16 +97,23 @@ void CURLImpl::FreePost() {
   post = nullptr;
 }
 
-// libcurl 7.88 keeps a pointer to the last header line of a broken answer, and follows it when the
-// next answer on the same handle begins with a folded line.
+// The handle holds on to the share, which must go last.
+void CURLImpl::Adopt(CURL* handle) {
+  curl.reset(handle, [share = kept](CURL* owned) { curl_easy_cleanup(owned); });
+  Set(CURLOPT_SHARE, kept.get());
+}
+
 void CURLImpl::RenewHandle() {
-  if (CURL* renewed = curl_easy_duphandle(curl.get())) curl.reset(renewed, curl_easy_cleanup);
-  failed = false;
+  if (CURL* renewed = curl_easy_duphandle(curl.get())) Adopt(renewed);
+  handle_is_used_up = false;
 }
 
 void CURLImpl::Clear() {
-  if (failed) RenewHandle();
+  if (handle_is_used_up) RenewHandle();
   progress = {};
+  stop_watch = {};
+  body_seek = {};
+  body_is_read = false;
   FreePost();
   url.clear();
   preauthenticated = false;
@@ -123,8 +153,15 @@ std::string CURLImpl::GetLoggableURL() const {
 void CURLImpl::SetRequest(const char* method) { lastrequest = request = TextOrEmpty(method); }
 
 void CURLImpl::SetPost(curl_httppost* form) {
+  if (form == post) return;
   FreePost();
   post = form;
+}
+
+void CURLImpl::SetBodySeek(curl_seek_callback seek, void* body) {
+  body_seek = {seek, body};
+  Set(CURLOPT_SEEKFUNCTION, seek);
+  Set(CURLOPT_SEEKDATA, body);
 }
 
 void CURLImpl::SetPostFileSize(long long size) {
@@ -196,6 +233,7 @@ void CURLImpl::Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_cal
 }
 
 void CURLImpl::Report(curl_xferinfo_callback report, void* to) {
+  stop_watch = {report, to, nullptr};
   Set(CURLOPT_XFERINFOFUNCTION, report);
   Set(CURLOPT_XFERINFODATA, to);
   Set(CURLOPT_NOPROGRESS, 0L);
@@ -211,6 +249,26 @@ void CURLImpl::BindUpload(UploadProgress& record) {
   record.curl = curl.get();
   record.last = 0;
   Report(_CURL_PROGRESS_ONEDRIVE, &record);
+}
+
+void CURLImpl::StopWith(std::shared_ptr<_FS_HANDLE> handle) {
+  stop_watch.handle = std::move(handle);
+  Set(CURLOPT_XFERINFOFUNCTION, &ReportUnlessStopped);
+  Set(CURLOPT_XFERINFODATA, &stop_watch);
+  Set(CURLOPT_NOPROGRESS, 0L);
+  // Ending while a name is looked up must not wait for the resolver's thread.
+  Set(CURLOPT_QUICK_EXIT, 1L);
+}
+
+int CURLImpl::ReportUnlessStopped(void* watch, curl_off_t download_total, curl_off_t downloaded,
+                                  curl_off_t upload_total, curl_off_t uploaded) {
+  const auto& stop_watch = *static_cast<const StopWatch*>(watch);
+  if (stop_watch.report != nullptr) {
+    stop_watch.report(stop_watch.to, download_total, downloaded, upload_total, uploaded);
+  }
+  if (!IsStopped(*stop_watch.handle)) return 0;
+  KeepLibcurlLoaded();
+  return 1;
 }
 
 std::string CURLImpl::BuildQueryString(bool escape) const {

@@ -1,7 +1,9 @@
 // One reusable HTTP request over one libcurl easy handle.
 //
 // A request is configured, run with one of the transfer operations, and cleared. Connections, TLS
-// and proxy set-up survive the clearing, so the next request finds a warm connection.
+// and proxy set-up survive the clearing, so the next request finds a warm connection. They even
+// survive the easy handle, which is replaced from time to time: libcurl 7.88 counts the kept
+// connections that a server has closed over the life of a handle, and fails at the sixth.
 //
 // One thread at a time. libcurl holds pointers into the object, so it is never copied.
 #pragma once
@@ -81,6 +83,9 @@ class CURLImpl {
 
   /// Multipart form (libcurl's curl_httppost); ownership passes to the object.
   void SetPost(curl_httppost* form);
+  /// How the body of the next transfer is sent again from its first byte: after a redirect, or when
+  /// a kept connection turns out to be closed. A BodyCursor needs none of this.
+  void SetBodySeek(curl_seek_callback seek, void* body);
   void SetPostFileSize(long long size);
   /// Bytes per second in both directions; 0 for no limit.
   void SetSpeedLimit(long long bytesPerSecond);
@@ -103,6 +108,9 @@ class CURLImpl {
   void BindHandleForDownload(std::shared_ptr<_FS_HANDLE> handle);
   /// Reports the next transfer to the record, which must live until the transfer ends.
   void BindUpload(UploadProgress& record);
+  /// Ends the next transfer with CURLE_ABORTED_BY_CALLBACK within a second after the host has told
+  /// the handle to stop, also while no byte moves. Called after one of the above.
+  void StopWith(std::shared_ptr<_FS_HANDLE> handle);
 
   /// key=value pairs joined by "&"; "" for none.
   std::string BuildQueryString(bool escape) const;
@@ -132,9 +140,19 @@ class CURLImpl {
   long connecttimeout = 10;
   std::array<char, CURL_ERROR_SIZE> errorbuffer{};
   bool preauthenticated = false;
-  bool failed = false;  // the last transfer
 
  private:
+  // What the transfer-information callback calls first, and whose word ends the transfer.
+  struct StopWatch {
+    curl_xferinfo_callback report = nullptr;
+    void* to = nullptr;
+    std::shared_ptr<_FS_HANDLE> handle;
+  };
+  struct BodySeek {
+    curl_seek_callback seek = nullptr;
+    void* body = nullptr;
+  };
+
   template <typename T>
   static std::string Written(T value) {
     if constexpr (std::is_same_v<T, std::string>) return value;
@@ -149,12 +167,23 @@ class CURLImpl {
   }
 
   void FreePost();
+  void Adopt(CURL* handle);
   void RenewHandle();
   void Bind(const std::shared_ptr<_FS_HANDLE>& handle, curl_xferinfo_callback report);
   void Report(curl_xferinfo_callback report, void* to);
+  static int ReportUnlessStopped(void* stop_watch, curl_off_t download_total, curl_off_t downloaded,
+                                 curl_off_t upload_total, curl_off_t uploaded);
   bool HeadersCanBeSent() const;
   std::string BuildURL() const;
+  bool RewindBody() const;
   _CURLRTN Run(const char* natural_method, evbuffer* collected);
+
+  // Connections, TLS sessions and addresses; outlives each easy handle.
+  std::shared_ptr<CURLSH> kept;
+  StopWatch stop_watch;
+  BodySeek body_seek;
+  bool body_is_read = false;  // by a read function
+  bool handle_is_used_up = false;
 };
 
 }  // namespace onedrive4b

@@ -1,5 +1,6 @@
 // The transfer operations of CURLImpl.
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
 #include <string_view>
@@ -57,6 +58,7 @@ class HeaderLines {
   static std::size_t Take(char* data, std::size_t size, std::size_t count, void* to) {
     auto* lines = static_cast<HeaderLines*>(to);
     const std::string_view line(data, size * count);
+    lines->answered_ = true;
     if (line.starts_with("HTTP/")) lines->in_block_ = true;
     if (!lines->in_block_) return line.size();
     if (line == "\r\n" || line == "\n") lines->in_block_ = false;
@@ -67,6 +69,9 @@ class HeaderLines {
 
   std::size_t kept_length() const { return kept_length_; }
 
+  /// Whether anything of an answer has come.
+  bool answered() const { return answered_; }
+
   /// The answer ended before its header block did. libcurl takes that for an answer without body.
   bool broken_off() const { return in_block_; }
 
@@ -74,7 +79,17 @@ class HeaderLines {
   evbuffer* kept_;
   std::size_t kept_length_ = 0;
   bool in_block_ = false;
+  bool answered_ = false;
 };
+
+// Whether a transfer failed because the server, or a box on the way to it, had forgotten the kept
+// connection that it went out on. libcurl sends such a request again by itself, but not once it has
+// begun to send a body.
+bool MetClosedConnection(CURL* curl, CURLcode code, const HeaderLines& lines) {
+  const bool broke =
+      code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
+  return broke && !lines.answered() && GetInfo(curl, CURLINFO_NUM_CONNECTS, 0L) == 0;
+}
 
 // Cuts a response into its header blocks, `header_length` bytes, and the body behind them.
 void Split(evbuffer* response, std::size_t header_length, _CURLRTN& result) {
@@ -105,6 +120,13 @@ std::string CURLImpl::BuildURL() const {
   return url + (url.find('?') == std::string::npos ? '?' : '&') + parameters;
 }
 
+bool CURLImpl::RewindBody() const {
+  if (!body_is_read) return true;
+  constexpr curl_off_t kBegin = 0;
+  return body_seek.seek != nullptr &&
+         body_seek.seek(body_seek.body, kBegin, SEEK_SET) == CURL_SEEKFUNC_OK;
+}
+
 // What all transfers share, once URL, body source and stream functions are set. `collected` takes
 // header blocks and, behind them, the body; null when the caller streams the body.
 //
@@ -132,16 +154,25 @@ _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   }
   result.curlcode =
       HeadersCanBeSent() ? curl_easy_perform(curl.get()) : CURLE_BAD_FUNCTION_ARGUMENT;
+  if (MetClosedConnection(curl.get(), static_cast<CURLcode>(result.curlcode), header_lines) &&
+      RewindBody()) {
+    Set(CURLOPT_FRESH_CONNECT, 1L);
+    result.curlcode = curl_easy_perform(curl.get());
+    Set(CURLOPT_FRESH_CONNECT, 0L);
+  }
   if (result.curlcode == CURLE_OK && header_lines.broken_off())
     result.curlcode = CURLE_PARTIAL_FILE;
   Set(CURLOPT_HTTPHEADER, nullptr);
   Set(CURLOPT_HEADERFUNCTION, nullptr);
   Set(CURLOPT_HEADERDATA, nullptr);
   result.errmsg = errorbuffer.data();
-  failed = result.curlcode != CURLE_OK;
-  if (failed) return result;
-
   CURL* handle = curl.get();
+  // Each connection that had to be made may have taken the place of one that was closed. A handle
+  // that met an answer broken inside its headers keeps a pointer to the last header line, which it
+  // follows when the next answer begins with a folded line.
+  handle_is_used_up = result.curlcode != CURLE_OK || GetInfo(handle, CURLINFO_NUM_CONNECTS, 0L) > 0;
+  if (result.curlcode != CURLE_OK) return result;
+
   result.httpcode = static_cast<std::int32_t>(GetInfo(handle, CURLINFO_RESPONSE_CODE, 0L));
   result.downspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_DOWNLOAD_T, curl_off_t{0}));
   result.upspeed = static_cast<double>(GetInfo(handle, CURLINFO_SPEED_UPLOAD_T, curl_off_t{0}));
@@ -153,6 +184,7 @@ _CURLRTN CURLImpl::PerformGet(void* writeFunction, void* writeData) {
   if (!curl) return WithoutHandle();
   Set(CURLOPT_URL, query.empty() ? url.c_str() : BuildURL().c_str());
   Set(CURLOPT_HTTPGET, 1L);
+  body_is_read = false;
   if (writeFunction == nullptr) {
     return Run("GET", NewEvbuffer().get());
   }
@@ -169,6 +201,7 @@ _CURLRTN CURLImpl::PerformPost(std::string body) {
 _CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long size) {
   if (!curl) return WithoutHandle();
   const bool reads = readFunction != nullptr;
+  body_is_read = reads;
   const std::string form = reads ? std::string() : BuildQueryString(true);
   Set(CURLOPT_URL, (reads ? BuildURL() : url).c_str());
   Set(CURLOPT_POST, 1L);
@@ -176,8 +209,7 @@ _CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long siz
     Set(CURLOPT_POSTFIELDS, nullptr);
     if (size == -1 && readData != nullptr) {
       size = static_cast<const BodyCursor*>(readData)->length;
-      Set(CURLOPT_SEEKFUNCTION, &read_callback_buf_seek_func);
-      Set(CURLOPT_SEEKDATA, readData);
+      SetBodySeek(&read_callback_buf_seek_func, readData);
     }
     Set(CURLOPT_READFUNCTION, readFunction);
     if (readData != nullptr) Set(CURLOPT_READDATA, readData);

@@ -4,8 +4,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <utility>
 
 #include "onedrive4b/records.h"
+#include "support/steady_time.h"
 
 namespace onedrive4b {
 
@@ -13,6 +16,11 @@ namespace onedrive4b {
 inline bool IsStopped(_FS_HANDLE& handle) {
   constexpr std::int32_t kLastRunningState = 2;
   return std::atomic_ref(handle.state).load(std::memory_order_relaxed) > kLastRunningState;
+}
+
+/// Says when the host tells the transfer to stop.
+inline StopSignal StopOf(std::shared_ptr<_FS_HANDLE> handle) {
+  return [handle = std::move(handle)] { return IsStopped(*handle); };
 }
 
 inline void SetPosition(_FS_HANDLE& handle, std::uint64_t offset) {

@@ -160,6 +160,15 @@ TEST_F(QueryTest, HandlersSeeTheHandleOfTheAttempt) {
       << "the record gave the handle up before the pool got it";
 }
 
+TEST(Backoff, AWaitEndsWhenItIsToldTo) {
+  const auto begin = SteadyTime::Clock::now();
+  ExponentialBackoff policy({429}, 5);
+  policy.StopWith(
+      [&] { return SteadyTime::Clock::now() - begin > std::chrono::milliseconds(300); });
+  EXPECT_EQ(policy.Backoff(), FAILED);
+  EXPECT_LT(SteadyTime::Clock::now() - begin, std::chrono::milliseconds(900)) << "of a second";
+}
+
 TEST(Backoff, GrantsAtMostSixteenSteps) {
   FakeTime time;
   for (const auto& [asked, granted] :

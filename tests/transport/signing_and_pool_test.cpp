@@ -68,6 +68,16 @@ TEST(Pool, HandsOutTheHandleReturnedLastAndClearsIt) {
   EXPECT_EQ(pool.GetCURL(), second);
 }
 
+TEST(Pool, LosesARequestObjectRatherThanTheProcess) {
+  struct Exhausted : CURLImpl {
+    void Clear() override { throw std::bad_alloc(); }
+  };
+  CURLQueue<Exhausted> pool;
+  { const AutoPutCURL<Exhausted> put_back(pool.GetCURL(), &pool); }
+  EXPECT_TRUE(pool.free.empty());
+  EXPECT_NE(pool.GetCURL(), nullptr) << "and the lock is free";
+}
+
 // What a request through the pool's proxy asks of the proxy.
 class ProxyTest : public ::testing::Test {
  protected:

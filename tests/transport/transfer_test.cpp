@@ -219,6 +219,20 @@ TEST(Request, BodiesFollowRedirects) {
   }
 }
 
+TEST(Request, AFormMaySetTheFormThatIsThere) {
+  const WebServer server([](const Received& request) { return Text(request.body); });
+  curl_httppost* form = nullptr;
+  curl_httppost* last = nullptr;
+  CURL_IGNORE_DEPRECATION(
+      curl_formadd(&form, &last, CURLFORM_COPYNAME, "n", CURLFORM_COPYCONTENTS, "v", CURLFORM_END);)
+  CURLImpl request;
+  request.SetURL(server.Url("/").c_str());
+  request.SetPost(form);
+  request.SetPost(form);
+  EXPECT_NE(BodyOf(request.PerformPost(nullptr, nullptr, -1)).find("\r\n\r\nv\r\n"),
+            std::string::npos);
+}
+
 TEST(Request, ForgedHeadersAreNeverSent) {
   const WebServer server([](const Received&) { return Text("answer"); });
   const std::string nul("v\0w", 3);
