@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "protocol/onedrivebiz.h"
-#include "transport/transfer_handle.h"
 #include "support/edge.h"
+#include "transport/transfer_handle.h"
 
 namespace onedrive4b {
 
@@ -162,6 +162,7 @@ AERROR OneDriveBiz::Read(const char* id, std::int64_t offset, std::int64_t lengt
       fetch.curl = request->GetCURL();
       request->SetSpeedLimit(speedlimit_);
       request->BindHandleForDownload(handle);
+      request->StopWith(handle);
       _CURLRTN result =
           request->PerformGet(reinterpret_cast<void*>(&write_callback_cache_func), &fetch);
       ApplyVerdict(fetch, result);
@@ -169,9 +170,12 @@ AERROR OneDriveBiz::Read(const char* id, std::int64_t offset, std::int64_t lengt
     };
     const StatusHandler handler(
         [&](_CURLRTN& exchange) { return TakeLastPiece(fetch, exchange.httpcode); }, "");
-    return Query("Read", step,
-                 {.by_status = {{kAnyStatus, handler}},
-                  .curl_errors = {{CURLE_WRITE_ERROR, READ_CANCELED}}});
+    const AERROR result = Query("Read", step,
+                                {.by_status = {{kAnyStatus, handler}},
+                                 .curl_errors = {{CURLE_WRITE_ERROR, READ_CANCELED}},
+                                 .stop = StopOf(handle)});
+    // The host's word ends waits and silent transfers, too, which fail for reasons of their own.
+    return result == FAILED && IsStopped(*handle) ? READ_CANCELED : result;
   });
 }
 

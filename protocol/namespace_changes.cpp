@@ -2,13 +2,17 @@
 //
 // Changes of an existing item carry its entity tag in "if-match", so that the service refuses them
 // when somebody else has changed the item since.
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
-#include "protocol/content_types.h"
 #include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/request_headers.h"
 #include "support/edge.h"
 #include "support/log.h"
+#include "support/text.h"
 
 namespace onedrive4b {
 
@@ -16,8 +20,17 @@ namespace {
 
 const char* TextOf(const std::shared_ptr<char[]>& etag) { return TextOrEmpty(etag.get()); }
 
-void RequireMatch(OneDriveBizCURL& request, const std::shared_ptr<char[]>& etag) {
-  if (etag) request.AddHeader<const char*>("if-match", etag.get());
+// The service knows an item of another user's drive by the drive's id and its own; null or empty is
+// the drive root.
+void SetParent(JsonObject reference, const char* target) {
+  if (target == nullptr || *target == '\0') {
+    reference["path"] = std::string("/drive/root:/");
+    return;
+  }
+  const std::vector<std::string_view> pieces = SplitAtSlash(target);
+  const bool remote = OneDriveBiz::IsRemoteFile(target) && pieces.size() == 2;
+  if (remote) reference["driveId"] = std::string(pieces[0]);
+  reference["id"] = std::string(remote ? pieces[1] : target);
 }
 
 }  // namespace
@@ -78,11 +91,7 @@ AERROR OneDriveBiz::Move(const char* id, const char* target, _FS_FILE_V2* file, 
     if (FindETag(id, *file, message, etag) != SUCCESS) return FAILED;
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s eTag [%s]", kName, TextOf(etag));
     JsonObject changes = JsonObject::GetEmptyObject();
-    if (target != nullptr && *target != '\0') {
-      changes["parentReference"]["id"] = std::string(target);
-    } else {
-      changes["parentReference"]["path"] = std::string("/drive/root:/");
-    }
+    SetParent(changes["parentReference"], target);
     changes["name"] = file->filename;
     return PatchItem(kName, id, etag, changes, file);
   });

@@ -77,7 +77,7 @@ AERROR OneDriveBiz::Query(const char* name, StepFunction step, Answers answers) 
   answers.by_status.insert_or_assign(kUnauthorized, StatusHandler(on_unauthorized_, ""));
   return QueryWithBackoff<ExponentialBackoff, CURLQueue<OneDriveBizCURL>>(
       cq, Step<OneDriveBizCURL>(std::move(step), name), std::move(answers.by_class),
-      std::move(answers.by_status), std::move(answers.curl_errors));
+      std::move(answers.by_status), std::move(answers.curl_errors), std::move(answers.stop));
 }
 
 void OneDriveBiz::Address(const std::shared_ptr<OneDriveBizCURL>& request, const std::string& url) {
@@ -101,6 +101,8 @@ AERROR OneDriveBiz::SetOpt(const char* key, const char* value) {
       service_endpoint_ = endpoint_uri_ = TextOrEmpty(value);
     } else if (is("service_resource")) {
       resource_id_ = TextOrEmpty(value);
+    } else if (is("upload_if_match")) {
+      upload_if_match_ = std::strcmp(TextOrEmpty(value), "true") == 0;
     }
     return SUCCESS;
   });

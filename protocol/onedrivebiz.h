@@ -138,6 +138,7 @@ class OneDriveBiz : public IProtocol_V2 {
     StatusHandlers by_class = {};
     StatusHandlers by_status = {};
     TransferErrors curl_errors = {};
+    StopSignal stop = {};
   };
 
   // onedrivebiz.cpp
@@ -182,7 +183,8 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // upload.cpp
 
-  AERROR MakeUploadSession(const char* parent, const _FS_FILE_V2& file, UploadSession& session);
+  AERROR MakeUploadSession(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
+                           const _FS_FILE_V2& file, UploadSession& session);
   AERROR SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* cache,
                     UploadSession& session, _FS_FILE_V2* file);
 
@@ -209,6 +211,7 @@ class OneDriveBiz : public IProtocol_V2 {
   // The thread that holds refresh_mutex_: a 401 met by its own requests must not lock again.
   std::atomic<std::thread::id> renewing_thread_{};
   std::string discovery_url_;
+  bool upload_if_match_ = false;  // content replaces only the version that the record names
 };
 
 }  // namespace onedrive4b

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "protocol/content_types.h"
 #include "protocol/onedrivebiz.h"
+#include "protocol/request_headers.h"
 #include "protocol/response_json.h"
-#include "transport/transfer_handle.h"
 #include "support/edge.h"
 #include "support/log.h"
+#include "transport/transfer_handle.h"
 
 namespace onedrive4b {
 
@@ -72,8 +72,8 @@ _CURLRTN Send(OneDriveBizCURL& request, _UPLOAD_SOURCE& source, std::int64_t spe
   request.SetPostFileSize(size);
   request.SetLowSpeedTimeout(kLowSpeedTimeout);
   // A body can then follow a redirect, or a connection that went away while it was kept.
-  SetOption(request.GetCURL(), CURLOPT_SEEKFUNCTION, &seek_callback_cache_func);
-  SetOption(request.GetCURL(), CURLOPT_SEEKDATA, &source);
+  request.SetBodySeek(&seek_callback_cache_func, &source);
+  request.StopWith(source.handle);
   return request.PerformPost(reinterpret_cast<void*>(&read_callback_cache_func), &source, size);
 }
 
@@ -137,6 +137,7 @@ AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HAN
     const std::string url =
         GetUrl(parent) + ":/" + request->Escape(file->filename.c_str()) + ":/content";
     request->SetRequest("PUT");
+    if (upload_if_match_) RequireMatch(*request, file->eTag);
     Address(request, url);
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s file [%s] length [%lld]", "operator()",
              file->filename.c_str(), static_cast<long long>(file->size));
@@ -145,31 +146,34 @@ AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HAN
     request->BindHandle(handle);
     return Send(*request, source, speedlimit_);
   };
-  return Query("UploadSimpleItem", step, {.by_class = {{200, ItemHandler(parent, file)}}});
+  return Query("UploadSimpleItem", step,
+               {.by_class = {{200, ItemHandler(parent, file)}}, .stop = StopOf(handle)});
 }
 
 AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
                                     ICacheIO* cache, _FS_FILE_V2* file, char**) {
   UploadSession session;
   session.size = session.length = static_cast<std::uint64_t>(file->size);
-  const AERROR made = MakeUploadSession(parent, *file, session);
+  const AERROR made = MakeUploadSession(parent, handle, *file, session);
   if (made != SUCCESS || session.url.empty()) return FILE_WRITE_FAILED;
   return SendChunks(parent, handle, cache, session, file);
 }
 
-AERROR OneDriveBiz::MakeUploadSession(const char* parent, const _FS_FILE_V2& file,
-                                      UploadSession& session) {
+AERROR OneDriveBiz::MakeUploadSession(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
+                                      const _FS_FILE_V2& file, UploadSession& session) {
   const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
     const std::string url =
         GetUrl(parent) + ":/" + request->Escape(file.filename.c_str()) + ":/upload.createSession";
     JsonObject body = JsonObject::GetEmptyObject();
     body["item"]["name"] = file.filename;
     request->AddHeader("Content-Type", kJsonContent);
+    if (upload_if_match_) RequireMatch(*request, file.eTag);
     Address(request, url);
+    request->StopWith(handle);
     return request->PerformPost(body.ToText());
   };
   const StatusHandler made([&](_CURLRTN& exchange) { return TakeSession(exchange, session); }, "");
-  return Query(kUploadLargeItem, step, {.by_class = {{200, made}}});
+  return Query(kUploadLargeItem, step, {.by_class = {{200, made}}, .stop = StopOf(handle)});
 }
 
 AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
@@ -204,7 +208,8 @@ AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HAN
   const StatusHandler unexpected([](_CURLRTN&) { return FAILED; }, "");
   return Query(kUploadLargeItem, step,
                {.by_class = {{200, unexpected}, {300, unexpected}},
-                .by_status = {{200, stored}, {201, stored}, {202, accepted}}});
+                .by_status = {{200, stored}, {201, stored}, {202, accepted}},
+                .stop = StopOf(handle)});
 }
 
 }  // namespace onedrive4b

@@ -39,7 +39,7 @@ using ProgressCallback = void (*)(long long total, long long done, void* context
 /// The host's handle of an open file, given to Read and Upload.
 struct _FS_HANDLE {
   std::int32_t host_field1 = 0;
-  std::int32_t state = 0;     ///< a value above 2 stops a running transfer; set at any time
+  std::int32_t state = 0;     ///< above 2: the transfer ends within a second; set at any time
   std::int64_t position = 0;  ///< upload: file offset reached, written by the module
   std::int64_t host_field2 = 0;
   ProgressCallback progress = nullptr;  ///< null for none; must stay valid during the transfer

@@ -159,6 +159,18 @@ TEST_F(DownloadTest, TheHostCanStopIt) {
   }
 }
 
+TEST_F(DownloadTest, TheHostCanStopTheWaitOfABackoff) {
+  service.Answer("/api/drive/items/f1/content", "", 429);
+  EXPECT_EQ(Read(Partial(0, 100), 0, 100), SUCCESS);
+  handle->progress = [](long long, long long, void* state, double) {
+    *static_cast<std::int32_t*>(state) = 3;  // while 429 is being answered
+  };
+  handle->progressctx = &handle->state;
+  service.AnswerOnly("/api/drive/items/f1/content", "page", 429);
+  EXPECT_EQ(protocol->Read("f1", 0, 100, handle, &fetcher, nullptr), READ_CANCELED);
+  EXPECT_EQ(time.waits(), std::vector<long>{1}) << "of the first call";
+}
+
 TEST_F(DownloadTest, RepeatedRequestsStartAgainAtTheFirstByte) {
   host.authorize = [](const std::string&) { return R"({"results":{"access_token":"B"}})"; };
   const std::string page(70000, 'e');

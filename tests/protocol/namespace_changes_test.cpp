@@ -85,6 +85,8 @@ TEST_F(NamespaceChangesTest, AskTheServiceForOneChange) {
   const std::string made = R"(/children|(none)|{"folder":{},)" + name + "}";
   const std::string to_root = "{" + name + R"(,"parentReference":{"path":"/drive/root:/"}})";
   const std::string to_t = "{" + name + R"(,"parentReference":{"id":"t"}})";
+  const std::string to_remote_t = "{" + name + R"(,"parentReference":{"driveId":"b!d","id":"t"}})";
+  const std::string to_abc = "{" + name + R"(,"parentReference":{"id":"a/b/c"}})";
   const std::string get = "GET /api/drive/items/1|(none)|";
   const std::string patch_e1 = "PATCH /api/drive/items/1|E1|";
   const std::string patch_e2 = "PATCH /api/drive/items/1|E2|";
@@ -109,6 +111,8 @@ TEST_F(NamespaceChangesTest, AskTheServiceForOneChange) {
            {kMove, "1", "t", "E1", {patch_e1 + to_t}, "1"},
            {kMove, "1", "", "E1", {patch_e1 + to_root}, "1"},
            {kMove, "b!d/1", "t", "E1", {patch_remote + to_t}, "b!d/1"},
+           {kMove, "b!d/1", "b!d/t", "E1", {patch_remote + to_remote_t}, "b!d/1"},
+           {kMove, "1", "a/b/c", "E1", {patch_e1 + to_abc}, "1"},
            {kMoveDir, "1", nullptr, nullptr, {get, patch_e2 + to_root}, "1"},
            {kCreate, "p", "", "E1", {"POST /api/drive/items/p" + made}, "9"},
            {kCreate, nullptr, "", "E1", {"POST /api/drive/root" + made}, "9"},

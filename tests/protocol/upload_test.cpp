@@ -2,6 +2,7 @@
 // stored, and upload URLs in a log. What is uploaded is read back; every byte is compared.
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -63,6 +64,7 @@ class UploadTest : public SignedInTest {
     record = {};
     record.filename = name;
     record.size = size;
+    if (etag != nullptr) record.eTag.reset(strcpy(new char[std::strlen(etag) + 1], etag));
     return protocol->Upload(parent, handle, &file, &record, {}, nullptr);
   }
   void ExpectUntouched() const {
@@ -95,6 +97,7 @@ class UploadTest : public SignedInTest {
   static constexpr const char* kContent = "/api/drive/items/p:/n:/content";
   TestFile file;
   _FS_FILE_V2 record;
+  const char* etag = nullptr;  // of the records to upload
   std::shared_ptr<_FS_HANDLE> handle = std::make_shared<_FS_HANDLE>();
 
  private:
@@ -148,6 +151,39 @@ TEST_F(UploadTest, RepeatedRequestsSendTheirBodyAgain) {
     }
   }
   EXPECT_EQ(time.waits(), std::vector<long>{1});
+}
+
+TEST_F(UploadTest, ALaterChunkIsSentAgainFromItsOwnFirstByte) {
+  OfferSession({{202, R"({"nextExpectedRanges":[]})"}});
+  Response redirect = emulator::EmptyResponse(307);
+  redirect.SetHeader("Location", service.Url("/moved"));
+  service.Answer(kUploadUrl + "1", redirect);
+  EXPECT_EQ(Upload(kSession), FAILED) << "nothing answers at the new place";
+  const Received moved = Requests().back();
+  EXPECT_EQ(moved.target, "/moved");
+  EXPECT_EQ(moved.Header("Content-Range"), "bytes 10485760-20971519/104857600");
+  EXPECT_TRUE(moved.body == file.Bytes(kChunk, kChunk));
+}
+
+TEST_F(UploadTest, AConditionGoesAlongWhereTheHostWantsIt) {
+  struct Case {
+    const char *option, *etag, *sent;
+  };
+  for (const Case& c : {Case{nullptr, "E1", "(none)"},
+                        {"true", "E1", "E1"},
+                        {"true", nullptr, "(none)"},
+                        {"yes", "E1", "(none)"},
+                        {"true", "E1", "E1"},
+                        {"", "E1", "(none)"}}) {
+    SCOPED_TRACE(c.sent);
+    if (c.option != nullptr) protocol->SetOpt("Upload_If_Match", c.option);
+    for (const std::int64_t size : {std::int64_t{10}, kSession}) {
+      service.AnswerOnly(size == 10 ? kContent : kCreate, "{}", 412);
+      etag = c.etag;
+      EXPECT_EQ(Upload(size), size == 10 ? FAILED : FILE_WRITE_FAILED);
+      EXPECT_EQ(Requests().back().Header("if-match"), c.sent);
+    }
+  }
 }
 
 // A limited upload that moves in bursts would stand still in between until it counts as stalled.

@@ -127,8 +127,7 @@ AERROR Read(Rig& rig) {
     }
     std::string bytes;
   } receiver;
-  const AERROR result =
-      rig.protocol->Read("i", 0, kReadLength, std::make_shared<_FS_HANDLE>(), &receiver, nullptr);
+  const AERROR result = rig.protocol->Read("i", 0, kReadLength, rig.handle, &receiver, nullptr);
   rig.reached = receiver.bytes;
   return result;
 }
@@ -138,7 +137,7 @@ AERROR Upload(Rig& rig) {
   FilledContent cache;
   return OnRecord(rig, "", false, [&](auto& drive, auto* file) {
     file->size = size;
-    return drive.Upload("f", std::make_shared<_FS_HANDLE>(), &cache, file, {}, nullptr);
+    return drive.Upload("f", rig.handle, &cache, file, {}, nullptr);
   });
 }
 

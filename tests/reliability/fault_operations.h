@@ -27,6 +27,7 @@ struct Rig {
   FaultService service;
   TestHost host;
   ProtocolPtr protocol;
+  std::shared_ptr<_FS_HANDLE> handle = std::make_shared<_FS_HANDLE>();  ///< of transfers
   std::string reached;  ///< what of the last operation has reached the host, as text
 };
 

@@ -57,13 +57,20 @@ ServerIdentity SelfSigned(long seconds) {
   return identity;
 }
 
+sockaddr_in Loopback(std::uint16_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(port);
+  return address;
+}
+
+// Port 0: the kernel chooses one.
 int BindPort(std::uint16_t& port) {
   const int holder = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int yes = 1;
   ::setsockopt(holder, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address = Loopback(port);
   socklen_t length = sizeof address;
   if (::bind(holder, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
       ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -131,11 +138,23 @@ void FaultService::StopListening() {
   honest_listener_ = false;
   silent_.reset();
   server_.reset();
+  for (const int socket : std::exchange(full_, {})) ::close(socket);
 }
 
 void FaultService::ListenSilently() {
   StopListening();
   silent_.emplace(port_, std::nullopt);
+}
+
+void FaultService::LeaveWaiting() {
+  StopListening();
+  full_.push_back(BindPort(port_));
+  ::listen(full_[0], 0);
+  for (int i = 0; i < 3; ++i) {
+    full_.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const sockaddr_in address = Loopback(port_);
+    ::connect(full_.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  }
 }
 
 void FaultService::Listen(const std::optional<ServerIdentity>& identity) {

@@ -56,6 +56,8 @@ class FaultService {
   void Refuse() { StopListening(); }
   /// Connections are taken, and not a byte comes.
   void ListenSilently();
+  /// Connections are neither taken nor refused.
+  void LeaveWaiting();
   /// Listens anew: with this certificate, or without TLS.
   void Listen(const std::optional<emulator::ServerIdentity>& identity);
   /// Ends all of it.
@@ -79,6 +81,7 @@ class FaultService {
   int left_ = 0;
   std::vector<Seen> seen_;
   std::optional<emulator::Listener> silent_;
+  std::vector<int> full_;  // a listener whose queue is full, and the connections that fill it
   std::optional<emulator::HttpServer> server_;
   emulator::HttpServer foreign_;
 };

@@ -1,5 +1,5 @@
-// Every operation meets silence. Hunts calls that never return. All wait at once, each with a
-// service and an object of its own, and libcurl's time-outs pass twenty times as fast.
+// Every operation meets silence. Hunts calls that never return, and transfers that the host cannot
+// end. All wait at once, each with a service and an object of its own.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/reliability/fault_cell.h"
@@ -21,6 +22,7 @@ using faults::Operation;
 using faults::Rig;
 using Clock = std::chrono::steady_clock;
 
+// libcurl's time-outs pass twenty times as fast.
 constexpr long kSpeed = 20;
 std::atomic<bool> hurry = false;
 std::atomic<long> longest_timeout = 0;  // seconds
@@ -60,6 +62,7 @@ struct Silence {
   const char* name;
   Place place;
   bool from_the_start = false;  // not even TLS is spoken
+  bool connecting = false;      // there is not even a connection
 };
 
 // One cell: waits until the call returns.
@@ -68,6 +71,10 @@ struct Stalled {
       : operation(met), silence(how), rig(!met.connects) {}
 
   void Break() {
+    if (silence.connecting) {
+      rig.service.LeaveWaiting();
+      return;
+    }
     if (silence.from_the_start) {
       rig.service.ListenSilently();
       return;
@@ -130,6 +137,50 @@ TEST_F(FaultStall, EveryCallReturns) {
     report.Add(cell->silence.name, cell->operation.name, "fails");
   }
   EXPECT_LE(cq.free.size(), cells.size());
+  cq.free.clear();
+}
+
+TEST_F(FaultStall, TheHostEndsASilentTransferWithinASecond) {
+  std::vector<std::unique_ptr<Stalled>> cells;
+  for (const char* name :
+       {"Read", "Upload", "Upload: session", "Upload: first part", "Upload: next part"}) {
+    const Operation& operation = faults::Find(name);
+    for (const Silence& silence : {Silence{"while connecting", {}, false, true},
+                                   {"once connected", {}, true},
+                                   {"in the request", Place::kInRequestBody},
+                                   {"before the answer", Place::kBeforeAnswer},
+                                   {"in the headers", Place::kInHeaders},
+                                   {"in the body", Place::kInBody}}) {
+      if ((silence.connecting || silence.from_the_start) && operation.before != 0) continue;
+      cells.push_back(std::make_unique<Stalled>(operation, silence));
+    }
+  }
+  cq.free.clear();
+  std::vector<std::future<void>> calls;
+  for (const auto& cell : cells) {
+    cell->Break();
+    calls.push_back(std::async(std::launch::async, [&cell] { cell->Run(); }));
+  }
+  // Long enough for the parts before the one that meets silence.
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    EXPECT_EQ(calls[i].wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+        << cells[i]->operation.name << ", silence " << cells[i]->silence.name;
+  }
+  const auto told = Clock::now();
+  for (const auto& cell : cells) std::atomic_ref(cell->rig.handle->state).store(3);
+  for (std::future<void>& call : calls) call.get();
+  EXPECT_LT(Clock::now() - told, std::chrono::milliseconds(1500));
+  for (const auto& cell : cells) {
+    SCOPED_TRACE(cell->operation.name + ", silence " + cell->silence.name);
+    const AERROR expected =
+        cell->operation.name == "Read" ? READ_CANCELED : cell->operation.failure;
+    EXPECT_STREQ(GetAERRORA(cell->result), GetAERRORA(expected));
+    EXPECT_EQ(cell->rig.reached, cell->operation.untouched);
+    cell->rig.handle->state = 0;
+    cell->rig.service.Heal();
+    EXPECT_EQ(cell->operation.run(cell->rig), SUCCESS) << "the next one works";
+  }
   cq.free.clear();
 }
 
