@@ -168,8 +168,7 @@ _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   result.errmsg = errorbuffer.data();
   CURL* handle = curl.get();
   // Each connection that had to be made may have taken the place of one that was closed. A handle
-  // that met an answer broken inside its headers keeps a pointer to the last header line, which it
-  // follows when the next answer begins with a folded line.
+  // whose transfer failed, inside the headers of an answer for instance, is not trusted with another.
   handle_is_used_up = result.curlcode != CURLE_OK || GetInfo(handle, CURLINFO_NUM_CONNECTS, 0L) > 0;
   if (result.curlcode != CURLE_OK) return result;
 

@@ -234,6 +234,23 @@ TEST(KeptConnections, SurviveTransfersThatEndEarly) {
   }
 }
 
+// Older versions of libcurl follow a pointer into the broken headers when the next ones are folded.
+TEST(KeptConnections, AnAnswerBrokenInItsHeadersCostsTheHandleOnly) {
+  Connections connections(false, [](int number, Response& response) {
+    if (number == 1) {
+      response.headers = {{"X-Last", std::string(40, 'x')}, {"X-Cut", std::string(40, 'c')}};
+      response.delivery.cut = Cut::kClose;
+      response.delivery.place = Place::kInHeaders;
+      response.delivery.after_bytes = 80;  // in the second header line
+    } else if (number == 2) {
+      response.headers = {{" folded", std::string(40, 'y')}};
+    }
+  });
+  connections.Run(&Get);
+  connections.Run(&Get, CURLE_PARTIAL_FILE);
+  connections.Run(&Get);
+}
+
 TEST(Stop, EndsALookupOfANameWithinASecond) {
   const auto handle = std::make_shared<_FS_HANDLE>();
   CURLImpl request;
