@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "emulator/quick_xor_hash.h"
 #include "emulator/random_text.h"
 
@@ -25,20 +26,11 @@ std::runtime_error FileError(const std::string& doing, const std::filesystem::pa
                             std::generic_category().message(errno));
 }
 
-class FileHandle {
- public:
-  FileHandle(const std::filesystem::path& path, int flags)
-      : fd_(::open(path.c_str(), flags | O_CLOEXEC, 0600)) {
-    if (fd_ < 0) throw FileError("open", path);
-  }
-  ~FileHandle() { ::close(fd_); }
-  FileHandle(const FileHandle&) = delete;
-  FileHandle& operator=(const FileHandle&) = delete;
-  int Get() const { return fd_; }
-
- private:
-  int fd_;
-};
+base::UniqueFd Open(const std::filesystem::path& path, int flags) {
+  base::UniqueFd file(::open(path.c_str(), flags | O_CLOEXEC, 0600));
+  if (!file) throw FileError("open", path);
+  return file;
+}
 
 /// Bytes in blocks, so that a growing upload is never copied into a larger piece of memory.
 class MemoryContent : public Content {
@@ -128,10 +120,10 @@ class FileContent : public Content {
   void Abandon() const override { abandoned_ = true; }
 
   void Read(std::uint64_t offset, std::span<char> into) const override {
-    const FileHandle file(path_, O_RDONLY);
+    const base::UniqueFd file = Open(path_, O_RDONLY);
     while (!into.empty()) {
       const ssize_t count =
-          ::pread(file.Get(), into.data(), into.size(), static_cast<off_t>(offset));
+          ::pread(file.get(), into.data(), into.size(), static_cast<off_t>(offset));
       if (count < 0 && errno == EINTR) continue;
       if (count < 0) throw FileError("read", path_);
       if (count == 0) throw std::runtime_error(path_.string() + " is shorter than it was");
@@ -150,7 +142,7 @@ class FileContent : public Content {
 class FileWriter : public ContentWriter {
  public:
   explicit FileWriter(std::filesystem::path path)
-      : path_(std::move(path)), file_(path_, O_WRONLY | O_CREAT | O_EXCL) {}
+      : path_(std::move(path)), file_(Open(path_, O_WRONLY | O_CREAT | O_EXCL)) {}
   ~FileWriter() override {
     std::error_code ignored;
     if (!finished_) std::filesystem::remove(path_, ignored);
@@ -162,7 +154,7 @@ class FileWriter : public ContentWriter {
     hash_.Add(bytes);
     while (!bytes.empty()) {
       const ssize_t count =
-          ::pwrite(file_.Get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
+          ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
       if (count < 0 && errno == EINTR) continue;
       if (count < 0) throw FileError("write", path_);
       bytes = bytes.subspan(static_cast<std::size_t>(count));
@@ -180,7 +172,7 @@ class FileWriter : public ContentWriter {
   void RollBack() override {
     hash_ = marked_hash_;
     size_ = marked_size_;
-    if (::ftruncate(file_.Get(), static_cast<off_t>(size_)) != 0) throw FileError("cut", path_);
+    if (::ftruncate(file_.get(), static_cast<off_t>(size_)) != 0) throw FileError("cut", path_);
   }
 
   ContentPtr Finish() override {
@@ -190,7 +182,7 @@ class FileWriter : public ContentWriter {
 
  private:
   std::filesystem::path path_;
-  FileHandle file_;
+  base::UniqueFd file_;
   bool finished_ = false;
   std::uint64_t size_ = 0;
   std::uint64_t marked_size_ = 0;

@@ -21,6 +21,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "emulator/http_message.h"
 
 namespace emulator {
@@ -28,24 +29,6 @@ namespace {
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd = -1) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  int Get() const { return fd_; }
-  int Release() { return std::exchange(fd_, -1); }
-
- private:
-  int fd_;
-};
 
 [[noreturn]] void ThrowLost(const boost::system::error_code& error) {
   throw ConnectionLost(error.message());
@@ -168,34 +151,34 @@ void Configure(asio::ssl::context& context, const ServerIdentity& identity) {
 
 std::string SystemMessage(int error) { return std::generic_category().message(error); }
 
-Descriptor ListenOn(const sockaddr* address, socklen_t length) {
-  Descriptor socket(::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+base::UniqueFd ListenOn(const sockaddr* address, socklen_t length) {
+  base::UniqueFd socket(::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const int yes = 1;
-  if (socket.Get() < 0) return socket;
-  ::setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+  if (!socket) return socket;
+  ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   if (address->sa_family == AF_INET6) {
-    ::setsockopt(socket.Get(), IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
+    ::setsockopt(socket.get(), IPPROTO_IPV6, IPV6_V6ONLY, &yes, sizeof yes);
   }
-  if (::bind(socket.Get(), address, length) != 0 || ::listen(socket.Get(), SOMAXCONN) != 0) {
-    return Descriptor();
+  if (::bind(socket.get(), address, length) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
+    return base::UniqueFd();
   }
   return socket;
 }
 
-Descriptor ListenV4(std::uint16_t port) {
+base::UniqueFd ListenV4(std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  Descriptor socket = ListenOn(reinterpret_cast<const sockaddr*>(&address), sizeof address);
-  if (socket.Get() < 0) {
+  base::UniqueFd socket = ListenOn(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  if (!socket) {
     throw std::runtime_error("cannot listen on 127.0.0.1 port " + std::to_string(port) + ": " +
                              SystemMessage(errno));
   }
   return socket;
 }
 
-Descriptor ListenV6(std::uint16_t port) {
+base::UniqueFd ListenV6(std::uint16_t port) {
   sockaddr_in6 address{};
   address.sin6_family = AF_INET6;
   address.sin6_port = htons(port);
@@ -215,14 +198,15 @@ std::uint16_t PortOf(int fd) {
 struct Listener::Impl {
   asio::io_context io;
   std::optional<asio::ssl::context> tls;
-  Descriptor v4;
-  Descriptor v6;  // clients try "localhost" as ::1 first; without IPv6 they fall back by themselves
-  Descriptor stop;
+  base::UniqueFd v4;
+  // Clients try "localhost" as ::1 first; without IPv6 they fall back by themselves.
+  base::UniqueFd v6;
+  base::UniqueFd stop;
   std::uint16_t port = 0;
 
-  std::unique_ptr<Wire> Wrap(Descriptor accepted, bool is_v6) {
+  std::unique_ptr<Wire> Wrap(base::UniqueFd accepted, bool is_v6) {
     const int yes = 1;
-    ::setsockopt(accepted.Get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+    ::setsockopt(accepted.get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     tcp::socket socket(io, is_v6 ? tcp::v6() : tcp::v4(), accepted.Release());
     if (!tls) return std::make_unique<SocketWire<tcp::socket>>(std::move(socket));
     using TlsStream = asio::ssl::stream<tcp::socket>;
@@ -232,10 +216,10 @@ struct Listener::Impl {
 
 Listener::Listener(std::uint16_t port, const std::optional<ServerIdentity>& tls)
     : impl_(std::make_unique<Impl>()) {
-  impl_->stop = Descriptor(::eventfd(0, EFD_CLOEXEC));
-  if (impl_->stop.Get() < 0) throw std::runtime_error("eventfd: " + SystemMessage(errno));
+  impl_->stop = base::UniqueFd(::eventfd(0, EFD_CLOEXEC));
+  if (!impl_->stop) throw std::runtime_error("eventfd: " + SystemMessage(errno));
   impl_->v4 = ListenV4(port);
-  impl_->port = PortOf(impl_->v4.Get());
+  impl_->port = PortOf(impl_->v4.get());
   impl_->v6 = ListenV6(impl_->port);
   if (tls) Configure(impl_->tls.emplace(asio::ssl::context::tls_server), *tls);
 }
@@ -246,15 +230,15 @@ std::uint16_t Listener::Port() const { return impl_->port; }
 
 std::unique_ptr<Wire> Listener::Accept() {
   for (;;) {
-    std::array<pollfd, 3> sockets = {{{impl_->stop.Get(), POLLIN, 0},
-                                      {impl_->v4.Get(), POLLIN, 0},
-                                      {impl_->v6.Get(), POLLIN, 0}}};
+    std::array<pollfd, 3> sockets = {{{impl_->stop.get(), POLLIN, 0},
+                                      {impl_->v4.get(), POLLIN, 0},
+                                      {impl_->v6.get(), POLLIN, 0}}};
     if (::poll(sockets.data(), sockets.size(), -1) < 0) continue;
     if (sockets[0].revents != 0) return nullptr;
     const bool is_v6 = sockets[1].revents == 0;
-    const int listening = is_v6 ? impl_->v6.Get() : impl_->v4.Get();
-    Descriptor accepted(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
-    if (accepted.Get() >= 0) return impl_->Wrap(std::move(accepted), is_v6);
+    const int listening = is_v6 ? impl_->v6.get() : impl_->v4.get();
+    base::UniqueFd accepted(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    if (accepted) return impl_->Wrap(std::move(accepted), is_v6);
     // Out of descriptors: the pending connection stays pending, so give others time to end.
     if (errno == EMFILE || errno == ENFILE) ::poll(sockets.data(), 1, 20);
   }
@@ -262,7 +246,7 @@ std::unique_ptr<Wire> Listener::Accept() {
 
 void Listener::Stop() noexcept {
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(impl_->stop.Get(), &one, sizeof one);
+  [[maybe_unused]] const auto written = ::write(impl_->stop.get(), &one, sizeof one);
 }
 
 }  // namespace emulator

@@ -63,7 +63,8 @@ void DownloadTarget::CreateTemporary() {
   for (int attempt = 0; attempt < kMostNameAttempts; ++attempt) {
     // Not the target's own name plus something: that could be longer than a name may be.
     temporary_file_ = (folder / Formatted(".onedrive4b-%08x.part", random())).string();
-    fd_ = UniqueFd(::open(temporary_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    fd_ = base::UniqueFd(
+        ::open(temporary_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (fd_) return;
     if (errno != EEXIST) break;
   }

@@ -18,8 +18,8 @@
 
 #include <sys/types.h>
 
+#include "base/unique_fd.h"
 #include "host/progress.h"
-#include "host/unique_fd.h"
 #include "onedrive4b/interfaces.h"
 
 namespace host {
@@ -49,7 +49,7 @@ class DownloadTarget {
   std::filesystem::path target_;
   std::optional<mode_t> mode_;  ///< of the file that is to be replaced
   std::string temporary_file_;  ///< empty once it is gone
-  UniqueFd fd_;
+  base::UniqueFd fd_;
 };
 
 /// Takes the bytes of one range and sees to it that none is missing.

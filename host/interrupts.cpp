@@ -37,8 +37,8 @@ void StopTransfer(_FS_HANDLE& handle) noexcept {
 Interrupts::Interrupts() {
   const sigset_t set = EndingSignals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signals_ = UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
-  stop_ = UniqueFd(eventfd(0, EFD_CLOEXEC));
+  signals_ = base::UniqueFd(signalfd(-1, &set, SFD_CLOEXEC));
+  stop_ = base::UniqueFd(eventfd(0, EFD_CLOEXEC));
   if (!signals_ || !stop_) throw LocalFailure("watch for", "signals", errno);
   thread_ = std::thread([this] { Run(); });
 }

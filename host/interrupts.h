@@ -19,7 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/unique_fd.h"
+#include "base/unique_fd.h"
 #include "onedrive4b/records.h"
 
 namespace host {
@@ -69,8 +69,8 @@ class Interrupts {
   std::condition_variable changed_;
   std::list<const Scope*> scopes_;
   std::atomic<bool> raised_{false};
-  UniqueFd signals_;
-  UniqueFd stop_;
+  base::UniqueFd signals_;
+  base::UniqueFd stop_;
   std::thread thread_;
 };
 

@@ -7,8 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "host/failure.h"
-#include "host/unique_fd.h"
 
 namespace host {
 namespace {
@@ -37,7 +37,7 @@ std::string ReadSmallFile(const std::filesystem::path& file, std::size_t limit) 
 
 std::optional<std::string> ReadSmallFileIfAny(const std::filesystem::path& file,
                                               std::size_t limit) {
-  const UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  const base::UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd && errno == ENOENT) return std::nullopt;
   if (!fd) throw LocalFailure("read", file.string(), errno);
   return ReadAll(fd.get(), file.string(), limit);
@@ -47,7 +47,7 @@ void ReplacePrivateFile(const std::filesystem::path& file, std::string_view cont
   const std::string temporary = file.string() + ".new";
   // A file left by a crash may have another owner's mode or links: never write into it.
   ::unlink(temporary.c_str());
-  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  base::UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!fd) throw LocalFailure("create", temporary, errno);
   const bool written = WriteAll(fd.get(), content) && ::fsync(fd.get()) == 0 && fd.Close();
   if (!written || ::rename(temporary.c_str(), file.c_str()) != 0) {
@@ -69,7 +69,7 @@ bool WriteAll(int fd, std::string_view data) noexcept {
 }
 
 void SyncFolder(const std::filesystem::path& folder) noexcept {
-  const UniqueFd fd(
+  const base::UniqueFd fd(
       ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (fd) ::fsync(fd.get());
 }

@@ -38,7 +38,7 @@ LogWriter::LogWriter(const LogOptions& options, const Redactor& redactor)
     : verbosity_(options.verbosity), redactor_(redactor) {
   if (options.trace_file.empty()) return;
   const char* name = options.trace_file.c_str();
-  trace_ = UniqueFd(::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
+  trace_ = base::UniqueFd(::open(name, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600));
   if (!trace_ || ::fchmod(trace_.get(), 0600) != 0) {
     throw LocalFailure("write the trace to", options.trace_file, errno);
   }

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "host/redaction.h"
-#include "host/unique_fd.h"
 #include "onedrive4b/interfaces.h"
 
 namespace host {
@@ -50,7 +50,7 @@ class LogWriter final : public ILog {
 
   const int verbosity_;
   const Redactor& redactor_;
-  UniqueFd trace_;
+  base::UniqueFd trace_;
   std::mutex mutex_;
   std::map<std::thread::id, std::string> last_errors_;
 };

@@ -10,7 +10,7 @@
 
 #include <sys/stat.h>
 
-#include "host/unique_fd.h"
+#include "base/unique_fd.h"
 #include "onedrive4b/interfaces.h"
 
 namespace host {
@@ -34,7 +34,7 @@ class UploadSource final : public ICacheIO {
   bool HasChanged() const noexcept;
 
   const std::filesystem::path file_;
-  UniqueFd fd_;
+  base::UniqueFd fd_;
   struct stat status_ {};  ///< as it was opened
   int error_ = 0;
   bool changed_ = false;

@@ -81,7 +81,8 @@ void ValueStore::Lock() {
   try {
     PrepareFolder();
     const std::string name = WithSuffix(file_, ".lock");
-    lock_file_ = UniqueFd(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    lock_file_ =
+        base::UniqueFd(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!lock_file_) throw LocalFailure("open", name, errno);
     while (::flock(lock_file_.get(), LOCK_EX) != 0) {
       if (errno != EINTR) throw LocalFailure("lock", name, errno);
@@ -93,7 +94,7 @@ void ValueStore::Lock() {
 }
 
 void ValueStore::Unlock() {
-  if (--depth_ == 0) lock_file_ = UniqueFd();
+  if (--depth_ == 0) lock_file_ = base::UniqueFd();
 }
 
 void ValueStore::Load() {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace host {
 
@@ -75,7 +75,7 @@ class ValueStore {
   std::filesystem::path file_;  ///< empty: in memory only
   std::recursive_mutex mutex_;
   std::size_t depth_ = 0;  ///< of Holds; the outermost one locks the file
-  UniqueFd lock_file_;
+  base::UniqueFd lock_file_;
   std::map<std::string, Section> sections_;
   std::vector<Change> unsaved_;  ///< changes that the file lacks because it could not be written
   bool damaged_ = false;

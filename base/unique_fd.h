@@ -7,7 +7,7 @@
 
 #include <unistd.h>
 
-namespace host {
+namespace base {
 
 class UniqueFd {
  public:
@@ -25,6 +25,9 @@ class UniqueFd {
   int get() const noexcept { return fd_; }
   explicit operator bool() const noexcept { return fd_ >= 0; }
 
+  /// Hands the descriptor over to the caller.
+  int Release() noexcept { return std::exchange(fd_, -1); }
+
   /// False when the system reports an error, which for some file systems is where a failed write
   /// shows first.
   bool Close() noexcept { return fd_ < 0 || ::close(std::exchange(fd_, -1)) == 0; }
@@ -33,4 +36,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace host
+}  // namespace base
