@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "base/files.h"
 #include "base/unique_fd.h"
 #include "emulator/quick_xor_hash.h"
 #include "emulator/random_text.h"
@@ -152,14 +153,11 @@ class FileWriter : public ContentWriter {
 
   void Append(std::span<const char> bytes) override {
     hash_.Add(bytes);
-    while (!bytes.empty()) {
-      const ssize_t count =
-          ::pwrite(file_.get(), bytes.data(), bytes.size(), static_cast<off_t>(size_));
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) throw FileError("write", path_);
-      bytes = bytes.subspan(static_cast<std::size_t>(count));
-      size_ += static_cast<std::uint64_t>(count);
+    if (!base::WriteAllAt(file_.get(), static_cast<std::int64_t>(size_),
+                          {bytes.data(), bytes.size()})) {
+      throw FileError("write", path_);
     }
+    size_ += bytes.size();
   }
 
   std::uint64_t Size() const override { return size_; }

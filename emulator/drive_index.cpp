@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "emulator/atomic_file.h"
+#include "base/files.h"
 #include "emulator/drive.h"
 #include "emulator/json_text.h"
 #include "emulator/names.h"
@@ -78,7 +78,7 @@ void Drive::Save() {
     text = ToText(Index());
   }
   try {
-    ReplaceFile(options_.directory / kIndexName, text, 0600);
+    base::ReplaceFile(options_.directory / kIndexName, text, 0600);
   } catch (const std::exception&) {
     const std::lock_guard lock(mutex_);
     changed_ = true;

@@ -13,7 +13,7 @@
 #include <CLI/CLI.hpp>
 #include <json/value.h>
 
-#include "emulator/atomic_file.h"
+#include "base/files.h"
 #include "emulator/json_text.h"
 #include "emulator/service.h"
 
@@ -83,7 +83,7 @@ class TemporaryFile {
  public:
   TemporaryFile(std::filesystem::path path, const std::string& text, mode_t mode)
       : path_(std::move(path)) {
-    emulator::ReplaceFile(path_, text, mode);
+    base::ReplaceFile(path_, text, mode);
   }
   ~TemporaryFile() {
     std::error_code ignored;

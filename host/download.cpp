@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/files.h"
 #include "host/download_target.h"
-#include "host/local_files.h"
 #include "host/text.h"
 #include "host/transfer.h"
 
@@ -119,7 +119,7 @@ class Printer final : public IFetchCallback {
                  int /*reserved*/) override {
     const std::int64_t known = next_ - offset;
     if (error_ != 0 || data == nullptr || known < 0 || known >= length) return SUCCESS;
-    if (!WriteAll(fd_, {data + known, static_cast<std::size_t>(length - known)})) {
+    if (!base::WriteAll(fd_, {data + known, static_cast<std::size_t>(length - known)})) {
       error_ = errno;
       StopTransfer(*handle_);
       return CANCEL;

@@ -8,9 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/files.h"
 #include "host/failure.h"
 #include "host/interrupts.h"
-#include "host/local_files.h"
 #include "host/text.h"
 
 namespace host {
@@ -83,14 +83,7 @@ void DownloadTarget::Reserve(std::int64_t size) {
 }
 
 int DownloadTarget::Write(std::int64_t offset, std::string_view data) noexcept {
-  while (!data.empty()) {
-    const ssize_t wrote = ::pwrite(fd_.get(), data.data(), data.size(), offset);
-    if (wrote < 0 && errno == EINTR) continue;
-    if (wrote < 0) return errno;
-    data.remove_prefix(static_cast<std::size_t>(wrote));
-    offset += wrote;
-  }
-  return 0;
+  return base::WriteAllAt(fd_.get(), offset, data) ? 0 : errno;
 }
 
 void DownloadTarget::Commit() {
@@ -100,7 +93,7 @@ void DownloadTarget::Commit() {
     throw LocalFailure("write", target_.string(), errno);
   }
   temporary_file_.clear();
-  SyncFolder(target_.parent_path());
+  base::SyncFolder(target_.parent_path());
 }
 
 RangeReceiver::RangeReceiver(DownloadTarget& target, const Range& range,

@@ -5,7 +5,7 @@
 
 #include <unistd.h>
 
-#include "host/local_files.h"
+#include "base/files.h"
 #include "host/text.h"
 
 namespace host {
@@ -14,9 +14,9 @@ void PrintFailure(const Failure& failure) noexcept {
   try {
     std::string text = std::string("onedrive4b: ") + failure.what() + "\n";
     if (!failure.advice().empty()) text += "onedrive4b: hint: " + failure.advice() + "\n";
-    WriteAll(STDERR_FILENO, text);
+    base::WriteAll(STDERR_FILENO, text);
   } catch (const std::bad_alloc&) {
-    WriteAll(STDERR_FILENO, failure.what());
+    base::WriteAll(STDERR_FILENO, failure.what());
   }
 }
 

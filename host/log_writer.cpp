@@ -9,8 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/files.h"
 #include "host/failure.h"
-#include "host/local_files.h"
 #include "host/text.h"
 
 namespace host {
@@ -67,14 +67,14 @@ void LogWriter::Emit(LOGLEVEL level, std::string_view text) {
   if (!to_terminal && !trace_) return;
   std::string line = TimeStamp() + " " + LevelName(level) + " ";
   line.append(text).append("\n");
-  if (to_terminal) WriteAll(STDERR_FILENO, line);
-  if (trace_) WriteAll(trace_.get(), line);
+  if (to_terminal) base::WriteAll(STDERR_FILENO, line);
+  if (trace_) base::WriteAll(trace_.get(), line);
 }
 
 void LogWriter::Warn(std::string_view text) {
   const std::string safe = redactor_.Redact(text);
-  WriteAll(STDERR_FILENO, "onedrive4b: warning: " + safe + "\n");
-  if (trace_) WriteAll(trace_.get(), TimeStamp() + " warning " + safe + "\n");
+  base::WriteAll(STDERR_FILENO, "onedrive4b: warning: " + safe + "\n");
+  if (trace_) base::WriteAll(trace_.get(), TimeStamp() + " warning " + safe + "\n");
 }
 
 std::string LogWriter::TakeLastError() {

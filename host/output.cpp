@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/files.h"
 #include "host/failure.h"
-#include "host/local_files.h"
 #include "host/text.h"
 
 namespace host {
@@ -21,7 +21,7 @@ void Output::Write(std::string_view text) {
 
 void Output::Flush() {
   const std::string text = std::exchange(buffer_, {});
-  if (!WriteAll(fd_, text)) throw LocalFailure("write to", "standard output", errno);
+  if (!base::WriteAll(fd_, text)) throw LocalFailure("write to", "standard output", errno);
 }
 
 void Table::WriteTo(Output& out) const {

@@ -6,7 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "host/local_files.h"
+#include "base/files.h"
 #include "host/text.h"
 
 namespace host {
@@ -67,7 +67,7 @@ Progress::Progress(const std::string& label, std::int64_t total, bool quiet)
       shown_(start_) {}
 
 Progress::~Progress() {
-  if (bar_is_there_) WriteAll(STDERR_FILENO, "\r\x1b[K");
+  if (bar_is_there_) base::WriteAll(STDERR_FILENO, "\r\x1b[K");
 }
 
 void Progress::Add(std::int64_t bytes) {
@@ -89,10 +89,10 @@ void Progress::Show() {
   UpdateRate(now);
   if (terminal_) {
     // One cell is left free: some terminals wrap after the last one.
-    WriteAll(STDERR_FILENO, "\r" + ProgressLine(state_, TerminalWidth() - 1) + "\x1b[K");
+    base::WriteAll(STDERR_FILENO, "\r" + ProgressLine(state_, TerminalWidth() - 1) + "\x1b[K");
     bar_is_there_ = true;
   } else {
-    WriteAll(STDERR_FILENO, ProgressLine(state_, 200) + "\n");
+    base::WriteAll(STDERR_FILENO, ProgressLine(state_, 200) + "\n");
   }
 }
 
@@ -114,7 +114,7 @@ void Progress::Finish() {
     line += " (" + Amount(static_cast<std::int64_t>(static_cast<double>(state_.total) / seconds)) +
             "/s)";
   }
-  WriteAll(STDERR_FILENO, (bar_is_there_ ? "\r\x1b[K" : "") + line + "\n");
+  base::WriteAll(STDERR_FILENO, (bar_is_there_ ? "\r\x1b[K" : "") + line + "\n");
   bar_is_there_ = false;
 }
 
