@@ -2,90 +2,15 @@
 
 #include <algorithm>
 #include <array>
-#include <clocale>
-#include <cwchar>
-#include <cwctype>
 #include <utility>
 
-#include <locale.h>
 #include <strings.h>
 
+#include "base/utf8.h"
+
 namespace emulator {
-namespace {
 
-/// Unicode's case tables without touching the process's locale.
-class Utf8Locale {
- public:
-  Utf8Locale() : locale_(newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr)) {}
-  ~Utf8Locale() {
-    if (locale_ != nullptr) freelocale(locale_);
-  }
-  Utf8Locale(const Utf8Locale&) = delete;
-  Utf8Locale& operator=(const Utf8Locale&) = delete;
-
-  char32_t Lower(char32_t c) const {
-    const auto wide = static_cast<wint_t>(c);
-    return static_cast<char32_t>(locale_ == nullptr ? std::towlower(wide)
-                                                    : towlower_l(wide, locale_));
-  }
-
- private:
-  locale_t locale_;
-};
-
-/// Takes one character off the front; a byte that starts none stands for itself.
-char32_t TakeCharacter(std::string_view& text) {
-  const auto first = static_cast<unsigned char>(text.front());
-  std::size_t length = 1;
-  if (first >= 0xF0) {
-    length = 4;
-  } else if (first >= 0xE0) {
-    length = 3;
-  } else if (first >= 0xC0) {
-    length = 2;
-  }
-  if (length == 1 || text.size() < length) {
-    text.remove_prefix(1);
-    return first;
-  }
-  char32_t c = first & (0xFFU >> (length + 1));
-  for (std::size_t i = 1; i < length; ++i) {
-    c = (c << 6U) | (static_cast<unsigned char>(text[i]) & 0x3FU);
-  }
-  text.remove_prefix(length);
-  return c;
-}
-
-void AppendUtf8(char32_t c, std::string& text) {
-  const auto tail = [&](unsigned shift) {
-    text += static_cast<char>(0x80U | ((c >> shift) & 0x3FU));
-  };
-  if (c < 0x80) {
-    text += static_cast<char>(c);
-  } else if (c < 0x800) {
-    text += static_cast<char>(0xC0U | (c >> 6U));
-    tail(0);
-  } else if (c < 0x10000) {
-    text += static_cast<char>(0xE0U | (c >> 12U));
-    tail(6);
-    tail(0);
-  } else {
-    text += static_cast<char>(0xF0U | (c >> 18U));
-    tail(12);
-    tail(6);
-    tail(0);
-  }
-}
-
-}  // namespace
-
-std::string FoldName(std::string_view name) {
-  static const Utf8Locale locale;
-  std::string folded;
-  folded.reserve(name.size());
-  while (!name.empty()) AppendUtf8(locale.Lower(TakeCharacter(name)), folded);
-  return folded;
-}
+std::string FoldName(std::string_view name) { return base::FoldCase(name); }
 
 bool IsValidName(std::string_view name) {
   constexpr std::string_view kForbidden = "/\\:*?\"<>|";

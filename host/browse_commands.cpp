@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "base/utf8.h"
 #include "host/text.h"
 
 namespace host {
@@ -28,14 +29,14 @@ std::string DisplayName(const _FS_FILE_V2& record) {
 
 Json::Value ItemJson(const std::string& path, const _FS_FILE_V2& record) {
   Json::Value item(Json::objectValue);
-  item["path"] = ValidUtf8(path);
-  item["name"] = ValidUtf8(record.filename);
-  item["id"] = ValidUtf8(record.id);
+  item["path"] = base::ValidUtf8(path);
+  item["name"] = base::ValidUtf8(record.filename);
+  item["id"] = base::ValidUtf8(record.id);
   item["kind"] = IsFolder(record) ? "folder" : "file";
   item["size"] = Json::Int64{record.size};
-  item["created"] = ValidUtf8(record.crtime);
-  item["modified"] = ValidUtf8(record.lasttime);
-  if (record.eTag) item["etag"] = ValidUtf8(record.eTag.get());
+  item["created"] = base::ValidUtf8(record.crtime);
+  item["modified"] = base::ValidUtf8(record.lasttime);
+  if (record.eTag) item["etag"] = base::ValidUtf8(record.eTag.get());
   return item;
 }
 
@@ -141,7 +142,7 @@ void WhoAmI(const BrowseContext& context) {
   name.resize(static_cast<std::size_t>(length));
   if (context.options.json) {
     Json::Value document(Json::objectValue);
-    document["name"] = ValidUtf8(name);
+    document["name"] = base::ValidUtf8(name);
     context.out.Write(PrettyJson(document));
   } else {
     context.out.Write(EscapeForTerminal(name) + "\n");

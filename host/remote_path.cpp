@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/utf8.h"
 #include "host/failure.h"
 #include "host/text.h"
 
@@ -34,8 +35,8 @@ const _FS_FILE_V2* FindEntry(const std::vector<_FS_FILE_V2>& entries, const std:
   };
   const auto* exact = find([&name](const _FS_FILE_V2& entry) { return entry.filename == name; });
   if (exact != nullptr) return exact;
-  return find([folded = FoldCase(name)](const _FS_FILE_V2& entry) {
-    return FoldCase(entry.filename) == folded;
+  return find([folded = base::FoldCase(name)](const _FS_FILE_V2& entry) {
+    return base::FoldCase(entry.filename) == folded;
   });
 }
 
@@ -62,7 +63,7 @@ void SortByName(std::vector<_FS_FILE_V2>& entries) {
   std::vector<std::pair<std::string, _FS_FILE_V2>> keyed;
   keyed.reserve(entries.size());
   for (_FS_FILE_V2& entry : entries) {
-    std::string folded = FoldCase(entry.filename);
+    std::string folded = base::FoldCase(entry.filename);
     keyed.emplace_back(std::move(folded), std::move(entry));
   }
   std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) {
@@ -92,7 +93,7 @@ void CheckNewName(const std::string& name) {
   });
   if (name.empty() || name == "." || name == ".." || control ||
       name.find_first_of(kForbidden) != std::string::npos || name.ends_with('.') ||
-      name.ends_with(' ') || name.starts_with(' ') || ValidUtf8(name) != name) {
+      name.ends_with(' ') || name.starts_with(' ') || base::ValidUtf8(name) != name) {
     throw Failure(ExitCode::kFailed, "the service takes no item named " + Quoted(name),
                   "names must not hold \" * : < > ? / \\ | or control characters, nor begin with "
                   "a blank, nor end in a blank or a dot");

@@ -33,12 +33,6 @@ std::string Padded(std::string_view text, std::size_t width, bool right_aligned 
 /// The first `width` cells of an escaped text, with "..." for what was cut.
 std::string Shortened(std::string_view text, std::size_t width);
 
-/// `text` with each invalid byte replaced by U+FFFD.
-std::string ValidUtf8(std::string_view text);
-
-/// Lower-case form by which the service's case-insensitive names are compared.
-std::string FoldCase(std::string_view text);
-
 /// "0 B", "999 B", "1.5 KiB", "12 MiB": three digits at most before the unit.
 std::string HumanSize(std::uint64_t bytes);
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/utf8.h"
 #include "emulator/service.h"
 #include "host/authorizer.h"
 #include "host/device_login.h"
@@ -292,7 +293,7 @@ TEST(Text, NamesCannotControlTheTerminal) {
   EXPECT_EQ(DisplayWidth("日本e\xCC\x81"), 5U);
   EXPECT_EQ(Padded("日本", 6, true), "  日本");
   EXPECT_EQ(Shortened("日本語テキスト", 8), "日本...");
-  EXPECT_EQ(ValidUtf8("a\xFF"), "a\xEF\xBF\xBD");
+  EXPECT_EQ(base::ValidUtf8("a\xFF"), "a\xEF\xBF\xBD");
 }
 
 TEST(Text, SizesAndStatusesAndProxies) {
