@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 #include "emulator/names.h"
 #include "emulator/oauth_error.h"
 #include "emulator/random_text.h"
@@ -158,7 +158,7 @@ Response Authority::Grant(const Identity& user, const std::string& resource) {
   document["resource"] = resource;
   document["access_token"] = access_token;
   document["refresh_token"] = refresh_token;
-  Response response = JsonResponse(200, ToText(document));
+  Response response = JsonResponse(200, base::CompactJson(document));
   response.SetHeader("Cache-Control", "no-store");
   return response;
 }
@@ -223,7 +223,7 @@ Response Authority::DeviceCode(Request& request) {
   document["interval"] = std::to_string(options_.device_poll_interval.count());
   document["message"] = "To sign in, use a web browser to open the page " + url +
                         " and enter the code " + user_code + " to authenticate.";
-  return JsonResponse(200, ToText(document));
+  return JsonResponse(200, base::CompactJson(document));
 }
 
 Response Authority::DevicePage(Request& request) {

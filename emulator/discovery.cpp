@@ -1,6 +1,6 @@
 #include "emulator/discovery.h"
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 
 namespace emulator {
 namespace {
@@ -57,7 +57,7 @@ std::string ServicesDocument(const DiscoveryAddresses& addresses) {
   entries.append(ToJson({"RootSite", "v2.0", site, addresses.drive_resource}, context));
   entries.append(
       ToJson({"MyFiles", "v2.0", addresses.drive_endpoint, addresses.drive_resource}, context));
-  return ToText(document);
+  return base::CompactJson(document);
 }
 
 }  // namespace emulator

@@ -4,7 +4,7 @@
 #include <charconv>
 #include <utility>
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 #include "emulator/service_error.h"
 
 namespace emulator {
@@ -116,7 +116,7 @@ Response DriveApi::GetDrive(Call& call) {
   Json::Value document = parts_.json.OfDrive(call.drive);
   document["@odata.context"] = parts_.json.Context("drives/$entity");
   Select(call.query, document);
-  return JsonResponse(200, ToText(document));
+  return JsonResponse(200, base::CompactJson(document));
 }
 
 Response DriveApi::GetItem(Call& call) {
@@ -156,7 +156,7 @@ Response DriveApi::GetChildren(Call& call) {
   document["value"] = ChildrenJson(call, folder, PageStart(call), next);
   document["@odata.context"] = parts_.json.Context("items");
   if (!next.empty()) document["@odata.nextLink"] = NextLink(call, next);
-  return JsonResponse(200, ToText(document));
+  return JsonResponse(200, base::CompactJson(document));
 }
 
 Json::Value DriveApi::ChildrenJson(const Call& call, const Item& folder, const std::string& from,
@@ -192,7 +192,7 @@ Response DriveApi::GetShared(Call& call) {
   if (place > first + limit) {
     document["@odata.nextLink"] = NextLink(call, std::to_string(first + limit));
   }
-  return JsonResponse(200, ToText(document));
+  return JsonResponse(200, base::CompactJson(document));
 }
 
 std::size_t DriveApi::PageSize(const Call& call) const {

@@ -3,8 +3,8 @@
 #include <charconv>
 #include <vector>
 
+#include "base/json_text.h"
 #include "emulator/drive_api.h"
-#include "emulator/json_text.h"
 #include "emulator/request_body.h"
 #include "emulator/service_error.h"
 
@@ -27,7 +27,7 @@ std::optional<std::string> ConflictOption(const FormFields& query) {
 }
 
 std::optional<Seconds> TimeMember(const Json::Value& object, const std::string& name) {
-  const auto text = TextMember(object, name);
+  const auto text = base::TextMember(object, name);
   if (!text) return std::nullopt;
   const auto time = ParseRfc3339(*text);
   if (!time) throw InvalidRequest("Invalid value for " + name + ".");
@@ -99,9 +99,9 @@ Response DriveApi::PutContent(Call& call) {
 }
 
 Response DriveApi::CreateSession(Call& call) {
-  const Json::Value item = ObjectMember(ReadJsonObject(call.request), "item");
+  const Json::Value item = base::ObjectMember(ReadJsonObject(call.request), "item");
   Drive::FileRequest file = FileTarget(call);
-  const auto in_body = TextMember(item, kConflictBehavior);
+  const auto in_body = base::TextMember(item, kConflictBehavior);
   file.on_conflict =
       ToOnConflict(in_body ? in_body : ConflictOption(call.query), OnConflict::kReplace);
   return parts_.sessions.Create(call.drive, std::move(file), call.user);
@@ -111,10 +111,10 @@ Response DriveApi::CreateChild(Call& call) {
   const Item parent = Target(call, SharedRole::kWrite);
   const Json::Value body = ReadJsonObject(call.request);
   if (!body["folder"].isObject()) throw InvalidRequest("Only folders can be made this way.");
-  const auto in_body = TextMember(body, kConflictBehavior);
+  const auto in_body = base::TextMember(body, kConflictBehavior);
   const auto stored = call.drive.CreateFolder(
       {.parent_id = parent.id,
-       .name = TextMember(body, "name").value_or(""),
+       .name = base::TextMember(body, "name").value_or(""),
        .on_conflict =
            ToOnConflict(in_body ? in_body : ConflictOption(call.query), OnConflict::kFail),
        .by = &call.user});
@@ -124,16 +124,16 @@ Response DriveApi::CreateChild(Call& call) {
 Response DriveApi::ChangeItem(Call& call) {
   const Item item = Target(call, SharedRole::kWrite);
   const Json::Value body = ReadJsonObject(call.request);
-  const Json::Value times = ObjectMember(body, "fileSystemInfo");
-  const auto name = TextMember(body, "name");
+  const Json::Value times = base::ObjectMember(body, "fileSystemInfo");
+  const auto name = base::TextMember(body, "name");
   if (body.isMember("name") && (!name || name->empty())) {
     throw InvalidRequest("The name is not valid.");
   }
-  const auto in_body = TextMember(body, kConflictBehavior);
+  const auto in_body = base::TextMember(body, kConflictBehavior);
   const Item changed =
       call.drive.Change({.id = item.id,
                          .name = name.value_or(""),
-                         .parent_id = NewParent(call, ObjectMember(body, "parentReference")),
+                         .parent_id = NewParent(call, base::ObjectMember(body, "parentReference")),
                          .on_conflict = ToOnConflict(in_body ? in_body : ConflictOption(call.query),
                                                      OnConflict::kFail),
                          .created = TimeMember(times, "createdDateTime"),
@@ -145,14 +145,14 @@ Response DriveApi::ChangeItem(Call& call) {
 
 /// Id of the folder a parentReference names; empty: it names none.
 std::string DriveApi::NewParent(const Call& call, const Json::Value& reference) const {
-  const auto drive_id = TextMember(reference, "driveId");
+  const auto drive_id = base::TextMember(reference, "driveId");
   if (drive_id && *drive_id != call.drive.Id()) {
     throw InvalidRequest("An item cannot be moved to another drive.");
   }
   std::optional<Item> parent;
-  if (const auto id = TextMember(reference, "id")) {
+  if (const auto id = base::TextMember(reference, "id")) {
     parent = Find(call.drive, {.drive_id = {}, .item_id = *id, .path = {}, .operation = {}});
-  } else if (const auto path = TextMember(reference, "path")) {
+  } else if (const auto path = base::TextMember(reference, "path")) {
     // Paths are given with escapes, as the service writes them, or plain, as people do.
     for (const std::string& form : {*path, PercentEncode(*path, "/:!")}) {
       const auto address = ParseItemAddress(form);

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "base/files.h"
+#include "base/json_text.h"
 #include "emulator/drive.h"
-#include "emulator/json_text.h"
 #include "emulator/names.h"
 
 namespace emulator {
@@ -75,7 +75,7 @@ void Drive::Save() {
   {
     const std::lock_guard lock(mutex_);
     if (!std::exchange(changed_, false)) return;
-    text = ToText(Index());
+    text = base::CompactJson(Index());
   }
   try {
     base::ReplaceFile(options_.directory / kIndexName, text, 0600);
@@ -108,7 +108,7 @@ void Drive::Load() {
   if (!std::filesystem::exists(path)) return;
   std::ifstream file(path, std::ios::binary);
   const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  const auto index = ParseJson(text);
+  const auto index = base::ParseJson(text);
   try {
     if (!file || !index) throw std::runtime_error("it is no JSON document");
     id_ = (*index)["driveId"].asString();

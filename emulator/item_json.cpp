@@ -1,7 +1,7 @@
 #include "emulator/item_json.h"
 
+#include "base/json_text.h"
 #include "emulator/encoding.h"
-#include "emulator/json_text.h"
 #include "emulator/names.h"
 
 namespace emulator {
@@ -134,7 +134,7 @@ Json::Value ItemJson::OfSharedItem(const Item& item, const Drive& drive,
 }
 
 Response ItemResponse(int status, const Item& item, const Json::Value& document) {
-  Response response = JsonResponse(status, ToText(document));
+  Response response = JsonResponse(status, base::CompactJson(document));
   response.SetHeader("ETag", item.ETag());
   return response;
 }

@@ -14,7 +14,7 @@
 #include <json/value.h>
 
 #include "base/files.h"
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 #include "emulator/service.h"
 
 namespace {
@@ -107,7 +107,7 @@ std::string ReadyText(emulator::Service& service) {
   ready["service_resource"] = service.ServiceResource();
   ready["client_id"] = service.ClientId();
   ready["refresh_token"] = service.IssueRefreshToken();
-  return emulator::ToText(ready) + "\n";
+  return base::CompactJson(ready) + "\n";
 }
 
 void PrintAddresses(const emulator::Service& service) {

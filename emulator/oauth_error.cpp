@@ -1,6 +1,6 @@
 #include "emulator/oauth_error.h"
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 #include "emulator/random_text.h"
 #include "emulator/time_text.h"
 
@@ -22,7 +22,7 @@ Response OAuthError(const std::string& error, int code, const std::string& descr
   document["timestamp"] = timestamp;
   document["trace_id"] = trace_id;
   document["correlation_id"] = correlation_id;
-  return JsonResponse(400, ToText(document));
+  return JsonResponse(400, base::CompactJson(document));
 }
 
 Response MissingParameter(const std::string& name) {

@@ -2,7 +2,7 @@
 
 #include <array>
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 #include "emulator/names.h"
 #include "emulator/service_error.h"
 
@@ -32,7 +32,7 @@ FormFields ReadForm(Request& request) {
 Json::Value ReadJsonObject(Request& request) {
   const std::string text = ReadText(request);
   if (text.empty()) return Json::objectValue;
-  auto value = ParseJson(text);
+  auto value = base::ParseJson(text);
   if (!value || !value->isObject()) throw InvalidRequest("The request body is no JSON object.");
   return *std::move(value);
 }

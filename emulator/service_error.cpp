@@ -1,6 +1,6 @@
 #include "emulator/service_error.h"
 
-#include "emulator/json_text.h"
+#include "base/json_text.h"
 
 namespace emulator {
 
@@ -59,7 +59,7 @@ std::string ErrorText(const std::string& code, const std::string& message,
   error["code"] = code;
   error["message"] = message;
   if (!inner_code.empty()) error["innererror"]["code"] = inner_code;
-  return ToText(document);
+  return base::CompactJson(document);
 }
 
 Response ErrorResponse(const ServiceError& error) {

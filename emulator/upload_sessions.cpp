@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/json_text.h"
 #include "emulator/encoding.h"
-#include "emulator/json_text.h"
 #include "emulator/random_text.h"
 #include "emulator/service_error.h"
 
@@ -68,7 +68,7 @@ Response UploadSessions::Create(Drive& drive, Drive::FileRequest request, const 
   document["uploadUrl"] = url;
   document["expirationDateTime"] = Rfc3339(session->expires);
   document["nextExpectedRanges"].append("0-");
-  return JsonResponse(200, ToText(document));
+  return JsonResponse(200, base::CompactJson(document));
 }
 
 Response UploadSessions::Handle(Request& request) {
@@ -176,7 +176,7 @@ Response UploadSessions::Status(const Session& session, int status) {
   Json::Value document;
   document["expirationDateTime"] = Rfc3339(session.expires);
   document["nextExpectedRanges"].append(std::to_string(session.writer->Size()) + "-");
-  return JsonResponse(status, ToText(document));
+  return JsonResponse(status, base::CompactJson(document));
 }
 
 UploadSessions::SessionPtr UploadSessions::Find(const std::string& id) {

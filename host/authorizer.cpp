@@ -4,8 +4,8 @@
 #include <cstring>
 #include <optional>
 
+#include "base/json_text.h"
 #include "host/failure.h"
-#include "host/json_text.h"
 #include "host/text.h"
 
 namespace host {
@@ -24,16 +24,16 @@ std::string FirstLine(const std::string& text, const Redactor& redactor, std::si
 }  // namespace
 
 std::string DescribeAuthorityError(const HttpResponse& response, const Redactor& redactor) {
-  const std::optional<Json::Value> document = ParseJsonObject(response.body);
-  const std::string error = document ? TextMember(*document, "error") : std::string();
+  const std::optional<Json::Value> document = base::ParseJsonObject(response.body);
+  const std::string error = document ? base::TextMember(*document, "error").value_or("") : "";
   if (error.empty()) {
     const std::string type = response.content_type.empty() ? "no type" : response.content_type;
     return "the authority answered HTTP " + std::to_string(response.status) + " (" +
            FirstLine(type, redactor, kLongestType) + ") instead of tokens";
   }
   std::string text = "the authority refuses: " + FirstLine(error, redactor, kLongestDescription);
-  const std::string description =
-      FirstLine(TextMember(*document, "error_description"), redactor, kLongestDescription);
+  const std::string description = FirstLine(
+      base::TextMember(*document, "error_description").value_or(""), redactor, kLongestDescription);
   if (!description.empty()) text += ": " + description;
   return text;
 }
@@ -43,7 +43,7 @@ char* Authorizer::Authorize(IProtocol_V2* /*protocol*/, const char* credential) 
   last_error_.clear();
   proxy_error_ = SUCCESS;
   try {
-    const auto document = ParseJsonObject(credential == nullptr ? "" : credential);
+    const auto document = base::ParseJsonObject(credential == nullptr ? "" : credential);
     if (!document) throw HttpError("the module asked with a credential that is no JSON object");
     // The module gives the text back to FreeResult, which frees it.
     return strdup(Exchange(*document).c_str());
@@ -69,14 +69,17 @@ AERROR Authorizer::LastProxyError() const {
 
 std::string Authorizer::Exchange(const Json::Value& credential) {
   const ServiceSettings& settings = context_.settings;
-  std::string resource = TextMember(ObjectMember(credential, "args"), "resource");
+  std::string resource =
+      base::TextMember(base::ObjectMember(credential, "args"), "resource").value_or("");
   // With a preset service there is no discovery, and its resource is the only one there is.
   if (resource.empty()) resource = settings.service_resource;
   if (resource.empty()) resource = settings.discovery_resource;
   const ValueStore::Hold hold = context_.profile.HoldStore();
   // The module always starts from the text it was connected with; the profile's token is newer.
   std::string token = context_.profile.RefreshToken();
-  if (token.empty()) token = TextMember(ObjectMember(credential, "results"), "refresh_token");
+  if (token.empty())
+    token =
+        base::TextMember(base::ObjectMember(credential, "results"), "refresh_token").value_or("");
   if (token.empty()) throw HttpError("there is no refresh token");
   return AcceptTokens(Request(token, resource));
 }
@@ -103,12 +106,12 @@ HttpResponse Authorizer::Request(const std::string& refresh_token, const std::st
 }
 
 std::string Authorizer::AcceptTokens(const HttpResponse& response) {
-  const std::optional<Json::Value> tokens = ParseJsonObject(response.body);
-  const std::string access = tokens ? TextMember(*tokens, "access_token") : std::string();
+  const std::optional<Json::Value> tokens = base::ParseJsonObject(response.body);
+  const std::string access = tokens ? base::TextMember(*tokens, "access_token").value_or("") : "";
   if (response.status != 200 || access.empty()) {
     throw HttpError(DescribeAuthorityError(response, context_.redactor));
   }
-  const std::string refresh = TextMember(*tokens, "refresh_token");
+  const std::string refresh = base::TextMember(*tokens, "refresh_token").value_or("");
   context_.redactor.AddSecret(access);
   context_.redactor.AddSecret(refresh);
   if (!refresh.empty()) {
@@ -120,7 +123,7 @@ std::string Authorizer::AcceptTokens(const HttpResponse& response) {
   }
   Json::Value reply(Json::objectValue);
   reply["results"] = *tokens;
-  return CompactJson(reply);
+  return base::CompactJson(reply);
 }
 
 }  // namespace host

@@ -143,7 +143,7 @@ void WhoAmI(const BrowseContext& context) {
   if (context.options.json) {
     Json::Value document(Json::objectValue);
     document["name"] = base::ValidUtf8(name);
-    context.out.Write(PrettyJson(document));
+    context.out.Write(base::PrettyJson(document));
   } else {
     context.out.Write(EscapeForTerminal(name) + "\n");
   }
@@ -160,7 +160,7 @@ void ShowSpace(const BrowseContext& context) {
     document["total"] = Json::UInt64{total};
     document["used"] = Json::UInt64{used};
     document["free"] = Json::UInt64{free};
-    return context.out.Write(PrettyJson(document));
+    return context.out.Write(base::PrettyJson(document));
   }
   const auto text = [&](std::uint64_t size) {
     return context.options.bytes ? std::to_string(size) : HumanSize(size);
@@ -182,7 +182,7 @@ void ListFolder(const BrowseContext& context) {
     } else {
       items.append(ItemJson(item.path, item.record));
     }
-    context.out.Write(PrettyJson(items));
+    context.out.Write(base::PrettyJson(items));
   } else if (IsFolder(item.record)) {
     ListAsText(context, item, 0);
   } else {
@@ -192,7 +192,7 @@ void ListFolder(const BrowseContext& context) {
 
 void ShowTree(const BrowseContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
-  if (context.options.json) return context.out.Write(PrettyJson(TreeJson(context, item, 1)));
+  if (context.options.json) return context.out.Write(base::PrettyJson(TreeJson(context, item, 1)));
   context.out.Write(EscapeForTerminal(item.path) + "\n");
   TreeCounts counts;
   if (IsFolder(item.record)) DrawBranches(context, item, "", 1, counts);
@@ -203,7 +203,7 @@ void ShowTree(const BrowseContext& context) {
 void ShowItem(const BrowseContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
   const _FS_FILE_V2 record = context.drive.Describe(item);
-  if (context.options.json) return context.out.Write(PrettyJson(ItemJson(item.path, record)));
+  if (context.options.json) return context.out.Write(base::PrettyJson(ItemJson(item.path, record)));
   Table table({false, false});
   table.Add({"Path", EscapeForTerminal(item.path)});
   table.Add({"Name", EscapeForTerminal(record.filename)});

@@ -5,9 +5,9 @@
 #include <chrono>
 #include <optional>
 
+#include "base/json_text.h"
 #include "host/authorizer.h"
 #include "host/failure.h"
-#include "host/json_text.h"
 #include "host/text.h"
 
 namespace host {
@@ -37,7 +37,7 @@ seconds SecondsMember(const Json::Value& object, const char* name, seconds fallb
   std::int64_t value = fallback.count();
   if (object[name].isInt64()) {
     value = object[name].asInt64();
-  } else if (const std::string text = TextMember(object, name); !text.empty()) {
+  } else if (const std::string text = base::TextMember(object, name).value_or(""); !text.empty()) {
     std::from_chars(text.data(), text.data() + text.size(), value);
   }
   return seconds(std::clamp<std::int64_t>(value, 1, most.count()));
@@ -61,13 +61,14 @@ class DeviceLogin {
     } catch (const HttpError& error) {
       throw LoginFailure("the authority at " + url + " cannot be reached: " + error.what());
     }
-    const std::optional<Json::Value> document = ParseJsonObject(response.body);
+    const std::optional<Json::Value> document = base::ParseJsonObject(response.body);
     DeviceCode code;
     if (document) {
-      code.device_code = TextMember(*document, "device_code");
-      code.user_code = TextMember(*document, "user_code");
-      code.address = TextMember(*document, "verification_url");
-      if (code.address.empty()) code.address = TextMember(*document, "verification_uri");
+      code.device_code = base::TextMember(*document, "device_code").value_or("");
+      code.user_code = base::TextMember(*document, "user_code").value_or("");
+      code.address = base::TextMember(*document, "verification_url").value_or("");
+      if (code.address.empty())
+        code.address = base::TextMember(*document, "verification_uri").value_or("");
     }
     if (response.status != 200 || code.device_code.empty() || code.user_code.empty() ||
         code.address.empty()) {
@@ -97,8 +98,8 @@ class DeviceLogin {
         continue;
       }
       if (response.status == 200) return RefreshToken(response);
-      const auto document = ParseJsonObject(response.body);
-      const std::string error = document ? TextMember(*document, "error") : std::string();
+      const auto document = base::ParseJsonObject(response.body);
+      const std::string error = document ? base::TextMember(*document, "error").value_or("") : "";
       if (error == "slow_down") {
         interval = std::min(interval + kSlowDown, kLongestInterval);
       } else if (error != "authorization_pending") {
@@ -123,8 +124,8 @@ class DeviceLogin {
   }
 
   std::string RefreshToken(const HttpResponse& response) const {
-    const auto document = ParseJsonObject(response.body);
-    std::string token = document ? TextMember(*document, "refresh_token") : std::string();
+    const auto document = base::ParseJsonObject(response.body);
+    std::string token = document ? base::TextMember(*document, "refresh_token").value_or("") : "";
     if (token.empty()) throw LoginFailure("the authority gave no refresh token");
     context_.redactor.AddSecret(token);
     return token;

@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "host/json_text.h"
+#include "base/json_text.h"
 
 namespace host {
 namespace {
@@ -100,7 +100,8 @@ void Session::Connect() const {
   Json::Value credential(Json::objectValue);
   credential["args"] = Json::Value(Json::objectValue);
   credential["results"] = Json::Value(Json::objectValue);
-  const AERROR result = protocol_->Connect(&context_.authorizer, CompactJson(credential).c_str());
+  const AERROR result =
+      protocol_->Connect(&context_.authorizer, base::CompactJson(credential).c_str());
   if (result == SUCCESS) return;
   const std::string reason = context_.authorizer.LastError();
   if (reason.empty()) {

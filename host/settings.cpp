@@ -98,21 +98,21 @@ void CheckSettings(const ServiceSettings& settings) {
 }
 
 ServiceFile ReadServiceFile(const std::filesystem::path& file) {
-  const auto document = ParseJsonObject(ReadSmallFile(file, kMostServiceFileBytes));
+  const auto document = base::ParseJsonObject(ReadSmallFile(file, kMostServiceFileBytes));
   if (!document) {
     throw Failure(ExitCode::kUsage,
                   "the service file " + Quoted(file.string()) + " is no JSON object");
   }
   ServiceFile result;
   for (const ServiceSetting& setting : kServiceSettings) {
-    result.settings.*setting.member = TextMember(*document, setting.name);
+    result.settings.*setting.member = base::TextMember(*document, setting.name).value_or("");
   }
   // Such a file tells both ways to the drive; discovery is the one that a real account takes.
   if (!result.settings.discovery_url.empty()) {
     result.settings.service_endpoint.clear();
     result.settings.service_resource.clear();
   }
-  result.refresh_token = TextMember(*document, "refresh_token");
+  result.refresh_token = base::TextMember(*document, "refresh_token").value_or("");
   if (result.settings.token_url.empty() || result.refresh_token.empty()) {
     throw Failure(ExitCode::kUsage, "the service file " + Quoted(file.string()) +
                                         " lacks token_url or refresh_token");
@@ -163,7 +163,7 @@ std::string OptionFields(const ProxySettings& proxy, bool show_shared) {
     value["user"] = proxy.user;
     value["password"] = proxy.password;
   }
-  return CompactJson(fields);
+  return base::CompactJson(fields);
 }
 
 }  // namespace host

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/json_text.h"
+#include "base/json_text.h"
 
 namespace host {
 

@@ -7,8 +7,8 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include "base/json_text.h"
 #include "host/failure.h"
-#include "host/json_text.h"
 #include "host/local_files.h"
 #include "host/text.h"
 
@@ -111,7 +111,7 @@ void ValueStore::Load() {
 }
 
 bool ValueStore::Parse(const std::string& text) {
-  const std::optional<Json::Value> document = ParseJsonObject(text);
+  const std::optional<Json::Value> document = base::ParseJsonObject(text);
   if (!document || !(*document)[kSections].isObject()) return false;
   std::map<std::string, Section> sections;
   const Json::Value& stored = (*document)[kSections];
@@ -133,7 +133,7 @@ void ValueStore::Save() {
     for (const auto& [key, value] : values) document[kSections][section][key] = value;
   }
   if (damaged_) MoveDamagedFileAside();
-  ReplacePrivateFile(file_, PrettyJson(document));
+  ReplacePrivateFile(file_, base::PrettyJson(document));
 }
 
 void ValueStore::PrepareFolder() const {

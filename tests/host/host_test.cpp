@@ -10,13 +10,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/json_text.h"
 #include "base/utf8.h"
 #include "emulator/service.h"
 #include "host/authorizer.h"
 #include "host/device_login.h"
 #include "host/download_target.h"
 #include "host/failure.h"
-#include "host/json_text.h"
 #include "host/profile.h"
 #include "host/remote_path.h"
 #include "host/session.h"
@@ -185,9 +185,9 @@ class AuthorizerTest : public HostTest {
   std::string Ask(Authorizer& authorizer, const std::string& resource) const {
     char* text = authorizer.Authorize(
         nullptr, ("{\"args\":{\"resource\":\"" + resource + "\"},\"results\":{}}").c_str());
-    const auto reply = ParseJsonObject(text == nullptr ? "" : text);
+    const auto reply = base::ParseJsonObject(text == nullptr ? "" : text);
     authorizer.FreeResult(text);
-    return reply ? TextMember((*reply)["results"], "refresh_token") : "";
+    return reply ? base::TextMember((*reply)["results"], "refresh_token").value_or("") : "";
   }
 
   emulator::Service service_{Options()};
