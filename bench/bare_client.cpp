@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/curl_option.h"
 #include "bench/guarded.h"
 #include "bench/workload.h"
 
@@ -41,22 +42,22 @@ const std::string kToken = "Authorization: Bearer bench-token";
 class Handle {
  public:
   explicit Handle(const Workload& workload) : curl_(curl_easy_init(), curl_easy_cleanup) {
-    Set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
-    Set(CURLOPT_NOSIGNAL, 1L);
-    Set(CURLOPT_FOLLOWLOCATION, 1L);
-    Set(CURLOPT_ACCEPT_ENCODING, "");
-    Set(CURLOPT_USERAGENT, "Tamborel(gzip)");
+    Set<CURLOPT_HTTP_VERSION>(long{CURL_HTTP_VERSION_1_1});
+    Set<CURLOPT_NOSIGNAL>(1L);
+    Set<CURLOPT_FOLLOWLOCATION>(1L);
+    Set<CURLOPT_ACCEPT_ENCODING>("");
+    Set<CURLOPT_USERAGENT>("Tamborel(gzip)");
     if (workload.receive_buffer > 0) {
-      Set(CURLOPT_BUFFERSIZE, static_cast<long>(workload.receive_buffer));
+      Set<CURLOPT_BUFFERSIZE>(static_cast<long>(workload.receive_buffer));
     }
     if (workload.upload_buffer > 0) {
-      Set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(workload.upload_buffer));
+      Set<CURLOPT_UPLOAD_BUFFERSIZE>(static_cast<long>(workload.upload_buffer));
     }
   }
 
-  template <typename Value>
-  void Set(CURLoption option, Value value) {
-    if (curl_easy_setopt(curl_.get(), option, value) != CURLE_OK) {
+  template <CURLoption option, typename Value>
+  void Set(Value value) {
+    if (base::SetCurlOption<option>(curl_.get(), value) != CURLE_OK) {
       throw std::runtime_error("option " + std::to_string(option) + " is not taken");
     }
   }
@@ -64,10 +65,10 @@ class Handle {
   using Receiver = std::size_t (*)(char*, std::size_t, std::size_t, void*);
 
   long Perform(const std::string& url, const HeaderList& headers, Receiver receiver, void* to) {
-    Set(CURLOPT_URL, url.c_str());
-    Set(CURLOPT_HTTPHEADER, headers.get());
-    Set(CURLOPT_WRITEFUNCTION, receiver);
-    Set(CURLOPT_WRITEDATA, to);
+    Set<CURLOPT_URL>(url.c_str());
+    Set<CURLOPT_HTTPHEADER>(headers.get());
+    Set<CURLOPT_WRITEFUNCTION>(receiver);
+    Set<CURLOPT_WRITEDATA>(to);
     const CURLcode code = curl_easy_perform(curl_.get());
     if (code != CURLE_OK) throw std::runtime_error(curl_easy_strerror(code));
     long status = 0;
@@ -237,7 +238,7 @@ void MeasureRaw(const Workload& workload) {
 class Sender {
  public:
   explicit Sender(const Workload& workload) : handle_(workload), endpoint_(Endpoint(workload)) {
-    handle_.Set(CURLOPT_POST, 1L);
+    handle_.Set<CURLOPT_POST>(1L);
   }
 
   std::int64_t Upload(std::int64_t bytes) {
@@ -259,11 +260,11 @@ class Sender {
  private:
   std::string CreateSession(const std::string& url) {
     static const std::string kBody = R"({"item":{"name":"bench.bin"}})";
-    handle_.Set(CURLOPT_CUSTOMREQUEST, nullptr);
-    handle_.Set(CURLOPT_POSTFIELDS, kBody.c_str());
-    handle_.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(kBody.size()));
+    handle_.Set<CURLOPT_CUSTOMREQUEST>(nullptr);
+    handle_.Set<CURLOPT_POSTFIELDS>(kBody.c_str());
+    handle_.Set<CURLOPT_POSTFIELDSIZE_LARGE>(static_cast<curl_off_t>(kBody.size()));
     handle_.Get(url, Headers({kToken, "Content-Type: application/json; charset=UTF-8"}), answer_);
-    handle_.Set(CURLOPT_POSTFIELDS, nullptr);
+    handle_.Set<CURLOPT_POSTFIELDS>(nullptr);
     return Parse(answer_)["uploadUrl"].asString();
   }
 
@@ -271,11 +272,11 @@ class Sender {
            std::int64_t length) {
     offset_ = offset;
     end_ = offset + length;
-    handle_.Set(CURLOPT_POST, 1L);
-    handle_.Set(CURLOPT_CUSTOMREQUEST, "PUT");
-    handle_.Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length));
-    handle_.Set(CURLOPT_READFUNCTION, &Sender::Produce);
-    handle_.Set(CURLOPT_READDATA, this);
+    handle_.Set<CURLOPT_POST>(1L);
+    handle_.Set<CURLOPT_CUSTOMREQUEST>("PUT");
+    handle_.Set<CURLOPT_POSTFIELDSIZE_LARGE>(static_cast<curl_off_t>(length));
+    handle_.Set<CURLOPT_READFUNCTION>(&Sender::Produce);
+    handle_.Set<CURLOPT_READDATA>(this);
     handle_.Get(url, headers, answer_);
     Parse(answer_);
   }
@@ -389,11 +390,11 @@ void MeasureStart(const Workload& workload) {
       [&](int) {
         std::string answer;
         Handle discovery(workload);
-        discovery.Set(CURLOPT_POSTFIELDS, "");
+        discovery.Set<CURLOPT_POSTFIELDS>("");
         discovery.Get(workload.origin + "/discovery/v2.0/me/services", Headers({kToken}), answer);
         const std::string url =
             Parse(answer)["value"][0]["serviceEndpointUri"].asString() + "/drive";
-        discovery.Set(CURLOPT_HTTPGET, 1L);
+        discovery.Set<CURLOPT_HTTPGET>(1L);
         for (int time = 0; time < 2; ++time) {
           discovery.Get(url, Headers({kToken}), answer);
           if (!Parse(answer).isMember("quota")) throw std::runtime_error("no account");

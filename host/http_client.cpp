@@ -6,6 +6,8 @@
 
 #include <curl/curl.h>
 
+#include "base/curl_option.h"
+
 namespace host {
 namespace {
 
@@ -14,11 +16,9 @@ constexpr long kConnectSeconds = 30;
 
 using EasyHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 
-/// One option, with the exact type that libcurl reads from its variable arguments.
-template <typename Value>
-void Set(CURL* curl, CURLoption option, Value value) {
-  static_assert(std::is_same_v<Value, long> || std::is_pointer_v<Value>);
-  if (const CURLcode code = curl_easy_setopt(curl, option, value); code != CURLE_OK) {
+template <CURLoption option, typename Value>
+void Set(CURL* curl, Value value) {
+  if (const CURLcode code = base::SetCurlOption<option>(curl, value); code != CURLE_OK) {
     throw HttpError(std::string("libcurl refuses a setting: ") + curl_easy_strerror(code));
   }
 }
@@ -57,34 +57,34 @@ std::string FormText(CURL* curl, const FormFields& fields) {
 
 void SetProxy(CURL* curl, const ProxySettings& proxy) {
   if (proxy.type.empty()) return;
-  Set(curl, CURLOPT_PROXY, proxy.host.c_str());
-  Set(curl, CURLOPT_PROXYPORT, static_cast<long>(proxy.port));
+  Set<CURLOPT_PROXY>(curl, proxy.host.c_str());
+  Set<CURLOPT_PROXYPORT>(curl, static_cast<long>(proxy.port));
   const long type = proxy.type == "SOCKS4"   ? CURLPROXY_SOCKS4
                     : proxy.type == "SOCKS5" ? CURLPROXY_SOCKS5
                                              : CURLPROXY_HTTP;
-  Set(curl, CURLOPT_PROXYTYPE, type);
-  Set(curl, CURLOPT_HTTPPROXYTUNNEL, proxy.type == "HTTP with TUNNEL" ? 1L : 0L);
+  Set<CURLOPT_PROXYTYPE>(curl, type);
+  Set<CURLOPT_HTTPPROXYTUNNEL>(curl, proxy.type == "HTTP with TUNNEL" ? 1L : 0L);
   // CURLAUTH_ANY is unsigned; libcurl reads a long.
-  Set(curl, CURLOPT_PROXYAUTH, static_cast<long>(CURLAUTH_ANY));
+  Set<CURLOPT_PROXYAUTH>(curl, static_cast<long>(CURLAUTH_ANY));
   if (proxy.user.empty()) return;
-  Set(curl, CURLOPT_PROXYUSERNAME, proxy.user.c_str());
-  Set(curl, CURLOPT_PROXYPASSWORD, proxy.password.c_str());
+  Set<CURLOPT_PROXYUSERNAME>(curl, proxy.user.c_str());
+  Set<CURLOPT_PROXYPASSWORD>(curl, proxy.password.c_str());
 }
 
 void Configure(CURL* curl, const HttpSettings& settings) {
-  Set(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-  Set(curl, CURLOPT_NOSIGNAL, 1L);
-  Set(curl, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  Set(curl, CURLOPT_TIMEOUT, static_cast<long>(settings.time_limit.count()));
-  Set(curl, CURLOPT_ACCEPT_ENCODING, "");
+  Set<CURLOPT_PROTOCOLS_STR>(curl, "http,https");
+  Set<CURLOPT_NOSIGNAL>(curl, 1L);
+  Set<CURLOPT_CONNECTTIMEOUT>(curl, kConnectSeconds);
+  Set<CURLOPT_TIMEOUT>(curl, static_cast<long>(settings.time_limit.count()));
+  Set<CURLOPT_ACCEPT_ENCODING>(curl, "");
   if (!settings.certificate_bundle.empty()) {
-    Set(curl, CURLOPT_CAINFO, settings.certificate_bundle.c_str());
+    Set<CURLOPT_CAINFO>(curl, settings.certificate_bundle.c_str());
   }
   SetProxy(curl, settings.proxy);
   if (settings.cancelled != nullptr) {
-    Set(curl, CURLOPT_NOPROGRESS, 0L);
-    Set(curl, CURLOPT_XFERINFOFUNCTION, &CheckCancelled);
-    Set(curl, CURLOPT_XFERINFODATA, static_cast<const void*>(settings.cancelled));
+    Set<CURLOPT_NOPROGRESS>(curl, 0L);
+    Set<CURLOPT_XFERINFOFUNCTION>(curl, &CheckCancelled);
+    Set<CURLOPT_XFERINFODATA>(curl, static_cast<const void*>(settings.cancelled));
   }
 }
 
@@ -118,12 +118,12 @@ HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fiel
   const std::string form = FormText(curl.get(), fields);
   HttpResponse response;
   std::array<char, CURL_ERROR_SIZE> reason{};
-  Set(curl.get(), CURLOPT_ERRORBUFFER, reason.data());
-  Set(curl.get(), CURLOPT_URL, url.c_str());
-  Set(curl.get(), CURLOPT_POSTFIELDS, form.c_str());
-  Set(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(form.size()));
-  Set(curl.get(), CURLOPT_WRITEFUNCTION, &Collect);
-  Set(curl.get(), CURLOPT_WRITEDATA, static_cast<void*>(&response.body));
+  Set<CURLOPT_ERRORBUFFER>(curl.get(), reason.data());
+  Set<CURLOPT_URL>(curl.get(), url.c_str());
+  Set<CURLOPT_POSTFIELDS>(curl.get(), form.c_str());
+  Set<CURLOPT_POSTFIELDSIZE>(curl.get(), static_cast<long>(form.size()));
+  Set<CURLOPT_WRITEFUNCTION>(curl.get(), &Collect);
+  Set<CURLOPT_WRITEDATA>(curl.get(), static_cast<void*>(&response.body));
   if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
     if (code == CURLE_WRITE_ERROR) throw HttpError("the answer is too long");
     const std::string text = reason[0] != '\0' ? reason.data() : curl_easy_strerror(code);
