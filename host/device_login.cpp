@@ -84,7 +84,7 @@ class DeviceLogin {
     const Clock::time_point end = Clock::now() + code.life;
     seconds interval = code.interval;
     while (Clock::now() < end) {
-      context_.interrupts.Wait(interval);
+      context_.cancellation.Wait(interval);
       HttpResponse response;
       try {
         response = Post(context_.settings.token_url, {{"grant_type", "device_code"},
@@ -92,7 +92,7 @@ class DeviceLogin {
                                                       {"resource", Resource()},
                                                       {"code", code.device_code}});
       } catch (const HttpError& error) {
-        context_.interrupts.Check();
+        context_.cancellation.Check();
         context_.log.Line(LOGLEVEL_ERROR, std::string("[AUTHORITY ] ") + error.what());
         interval = std::min(interval * 2, kLongestInterval);
         continue;
@@ -118,7 +118,7 @@ class DeviceLogin {
 
   HttpResponse Post(const std::string& url, const FormFields& fields) const {
     context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] POST " + url);
-    HttpResponse response = context_.http.PostForm(url, fields);
+    HttpResponse response = context_.http.PostForm(url, fields, &context_.cancellation);
     context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] HTTP " + std::to_string(response.status));
     return response;
   }
@@ -147,7 +147,6 @@ class DeviceLogin {
 }  // namespace
 
 std::string LogInByDevice(const DeviceLoginContext& context, const ShowCode& show) {
-  const Interrupts::Scope scope(context.interrupts, {});
   const DeviceLogin login(context);
   const DeviceCode code = login.RequestCode();
   show(EscapeForTerminal(code.address), EscapeForTerminal(code.user_code));

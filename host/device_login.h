@@ -1,14 +1,14 @@
 // Device login: the person signs in with a browser on any device, the program waits and gets the
 // tokens (RFC 8628, with the authority's parameter names).
 //
-// One thread; Ctrl-C ends the wait.
+// One thread; the cancellation ends the wait.
 #pragma once
 
 #include <functional>
 #include <string>
 
+#include "host/cancellation.h"
 #include "host/http_client.h"
-#include "host/interrupts.h"
 #include "host/log_writer.h"
 #include "host/redaction.h"
 #include "host/settings.h"
@@ -18,7 +18,7 @@ namespace host {
 struct DeviceLoginContext {
   const ServiceSettings& settings;
   const HttpClient& http;
-  Interrupts& interrupts;
+  Cancellation& cancellation;
   LogWriter& log;
   Redactor& redactor;
 };

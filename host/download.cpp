@@ -54,14 +54,14 @@ class RangeQueue {
     }
     if (!handles_.empty()) Work(handles_[0]);
     for (std::thread& thread : threads) thread.join();
-    context_.interrupts.Check();
+    context_.interrupts.cancellation().Check();
     if (failure_) std::rethrow_exception(failure_);
   }
 
  private:
   void Work(const std::shared_ptr<_FS_HANDLE>& handle) noexcept {
     try {
-      while (!context_.interrupts.raised() && !failed_) {
+      while (!context_.interrupts.cancellation().raised() && !failed_) {
         const std::int64_t offset = next_.fetch_add(range_length_);
         if (offset >= item_.record.size) return;
         Fetch({offset, std::min(range_length_, item_.record.size - offset)}, handle);
@@ -153,10 +153,11 @@ void Download(const TransferContext& context, const RemoteItem& item,
   DownloadTarget file(target, item.record.size);
   Progress progress(item.path, item.record.size, context.options.quiet);
   RangeQueue ranges(context, item, file, progress);
-  const Interrupts::Scope scope(context.interrupts, ranges.handles(), file.temporary_file());
+  const Interrupts::Scope scope(context.interrupts, file.temporary_file());
+  const Cancellation::Transfers transfers(context.interrupts.cancellation(), ranges.handles());
   ranges.Run();
   CheckUnchanged(context, item);
-  context.interrupts.Check();
+  context.interrupts.cancellation().Check();
   file.Commit();
   progress.Finish();
 }
@@ -164,14 +165,15 @@ void Download(const TransferContext& context, const RemoteItem& item,
 void Print(const TransferContext& context, const RemoteItem& item) {
   context.out.Flush();
   const auto handle = std::make_shared<_FS_HANDLE>();
-  const Interrupts::Scope scope(context.interrupts, {handle});
+  const Interrupts::Scope scope(context.interrupts);
+  const Cancellation::Transfers transfers(context.interrupts.cancellation(), {handle});
   const std::int64_t offset = std::min(context.options.offset, item.record.size);
   const std::int64_t left = item.record.size - offset;
   const std::int64_t length = std::min(context.options.length.value_or(left), left);
   Printer printer(context.out.fd(), handle, offset);
   const AERROR result = context.drive.protocol().Read(item.record.id.c_str(), offset, length,
                                                       handle, &printer, nullptr);
-  context.interrupts.Check();
+  context.interrupts.cancellation().Check();
   printer.Check(result == SUCCESS, offset + length);
   context.drive.session().Check(result, "reading " + Quoted(item.path));
 }

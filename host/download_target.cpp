@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include "base/files.h"
+#include "host/cancellation.h"
 #include "host/failure.h"
-#include "host/interrupts.h"
 #include "host/text.h"
 
 namespace host {

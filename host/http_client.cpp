@@ -35,8 +35,8 @@ std::size_t Collect(char* data, std::size_t size, std::size_t count, void* body)
   return bytes;
 }
 
-int CheckCancelled(void* cancelled, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
-  return static_cast<const std::atomic<bool>*>(cancelled)->load() ? 1 : 0;
+int CheckCancelled(void* cancellation, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+  return static_cast<const Cancellation*>(cancellation)->raised() ? 1 : 0;
 }
 
 std::string Escaped(CURL* curl, const std::string& text) {
@@ -81,11 +81,13 @@ void Configure(CURL* curl, const HttpSettings& settings) {
     Set<CURLOPT_CAINFO>(curl, settings.certificate_bundle.c_str());
   }
   SetProxy(curl, settings.proxy);
-  if (settings.cancelled != nullptr) {
-    Set<CURLOPT_NOPROGRESS>(curl, 0L);
-    Set<CURLOPT_XFERINFOFUNCTION>(curl, &CheckCancelled);
-    Set<CURLOPT_XFERINFODATA>(curl, static_cast<const void*>(settings.cancelled));
-  }
+}
+
+void AbortWhenRaised(CURL* curl, const Cancellation* cancellation) {
+  if (cancellation == nullptr) return;
+  Set<CURLOPT_NOPROGRESS>(curl, 0L);
+  Set<CURLOPT_XFERINFOFUNCTION>(curl, &CheckCancelled);
+  Set<CURLOPT_XFERINFODATA>(curl, cancellation);
 }
 
 bool IsAuthentication(long status) { return status == 401 || status == 407; }
@@ -111,10 +113,12 @@ void CheckProxy(CURL* curl, CURLcode code, const std::string& reason) {
 
 }  // namespace
 
-HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fields) const {
+HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fields,
+                                  const Cancellation* cancellation) const {
   const EasyHandle curl(curl_easy_init(), &curl_easy_cleanup);
   if (!curl) throw HttpError("libcurl could not be started");
   Configure(curl.get(), settings_);
+  AbortWhenRaised(curl.get(), cancellation);
   const std::string form = FormText(curl.get(), fields);
   HttpResponse response;
   std::array<char, CURL_ERROR_SIZE> reason{};

@@ -1,16 +1,16 @@
 // HttpClient: the host's own requests to the authority. Forms go out, small answers come back.
 //
 // Threads: Post may be called from any thread; each call has its own libcurl handle.
-// Lifetime: the settings are copied; `cancelled` must outlive the client.
+// Lifetime: the settings are copied.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "host/cancellation.h"
 #include "host/settings.h"
 #include "onedrive4b/aerror.h"
 
@@ -19,8 +19,7 @@ namespace host {
 struct HttpSettings {
   std::string certificate_bundle;  ///< PEM file to verify servers against; empty: libcurl's own
   ProxySettings proxy;
-  std::chrono::seconds time_limit{60};           ///< of a whole request
-  const std::atomic<bool>* cancelled = nullptr;  ///< once true, requests end at once
+  std::chrono::seconds time_limit{60};  ///< of a whole request
 };
 
 struct HttpResponse {
@@ -53,8 +52,10 @@ class HttpClient {
   explicit HttpClient(HttpSettings settings) : settings_(std::move(settings)) {}
 
   /// POSTs `fields` as application/x-www-form-urlencoded. Follows no redirects, which would hand
-  /// the fields to another address. Throws HttpError, or ProxyError when it is the proxy's doing.
-  HttpResponse PostForm(const std::string& url, const FormFields& fields) const;
+  /// the fields to another address. Throws HttpError, or ProxyError when it is the proxy's doing. A
+  /// `cancellation` that is raised aborts the request.
+  HttpResponse PostForm(const std::string& url, const FormFields& fields,
+                        const Cancellation* cancellation = nullptr) const;
 
  private:
   HttpSettings settings_;

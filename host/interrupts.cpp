@@ -14,8 +14,6 @@
 namespace host {
 namespace {
 
-constexpr std::int32_t kStop = 3;
-
 /// The signals that end the program, without those that whoever started it chose to ignore.
 sigset_t EndingSignals() {
   sigset_t set;
@@ -29,10 +27,6 @@ sigset_t EndingSignals() {
 }
 
 }  // namespace
-
-void StopTransfer(_FS_HANDLE& handle) noexcept {
-  std::atomic_ref<std::int32_t>(handle.state).store(kStop, std::memory_order_relaxed);
-}
 
 Interrupts::Interrupts() {
   const sigset_t set = EndingSignals();
@@ -50,16 +44,6 @@ Interrupts::~Interrupts() {
   thread_.join();
 }
 
-void Interrupts::Check() const {
-  if (raised_) throw Failure(ExitCode::kInterrupted, "interrupted");
-}
-
-void Interrupts::Wait(std::chrono::seconds time) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, time, [this] { return raised_.load(); });
-  Check();
-}
-
 void Interrupts::Run() {
   pollfd watched[] = {{signals_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}};
   for (;;) {
@@ -72,29 +56,19 @@ void Interrupts::Run() {
 
 void Interrupts::Raise() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  if (scopes_.empty() || raised_) {
+  if (scopes_.empty() || cancellation_.raised()) {
     for (const Scope* scope : scopes_) {
       if (!scope->temporary_file_.empty()) ::unlink(scope->temporary_file_.c_str());
     }
     ::_exit(static_cast<int>(ExitCode::kInterrupted));
   }
-  raised_ = true;
-  for (const Scope* scope : scopes_) {
-    for (const auto& handle : scope->handles_) StopTransfer(*handle);
-  }
-  changed_.notify_all();
+  cancellation_.Raise();
 }
 
-Interrupts::Scope::Scope(Interrupts& interrupts, std::vector<std::shared_ptr<_FS_HANDLE>> handles,
-                         std::string temporary_file)
-    : interrupts_(interrupts),
-      handles_(std::move(handles)),
-      temporary_file_(std::move(temporary_file)) {
+Interrupts::Scope::Scope(Interrupts& interrupts, std::string temporary_file)
+    : interrupts_(interrupts), temporary_file_(std::move(temporary_file)) {
   const std::lock_guard<std::mutex> lock(interrupts_.mutex_);
   place_ = interrupts_.scopes_.insert(interrupts_.scopes_.end(), this);
-  // A signal between two scopes of one command counts for both.
-  if (!interrupts_.raised_) return;
-  for (const auto& handle : handles_) StopTransfer(*handle);
 }
 
 Interrupts::Scope::~Scope() {

@@ -9,23 +9,15 @@
 // outlive every Scope.
 #pragma once
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <list>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "base/unique_fd.h"
-#include "onedrive4b/records.h"
+#include "host/cancellation.h"
 
 namespace host {
-
-/// Tells a running transfer to stop; safe while the module reads the handle.
-void StopTransfer(_FS_HANDLE& handle) noexcept;
 
 class Interrupts {
  public:
@@ -34,21 +26,14 @@ class Interrupts {
   Interrupts(const Interrupts&) = delete;
   Interrupts& operator=(const Interrupts&) = delete;
 
-  /// True once a signal asked the open scopes to end.
-  const std::atomic<bool>& raised() const noexcept { return raised_; }
-
-  /// Throws a kInterrupted Failure once `raised`.
-  void Check() const;
-
-  /// Waits; throws as Check does as soon as a signal comes.
-  void Wait(std::chrono::seconds time);
+  /// Raised by the first signal.
+  Cancellation& cancellation() noexcept { return cancellation_; }
 
   /// Something that ends by itself when it is asked to.
   class Scope {
    public:
     /// `temporary_file`: removed if the program has to end without waiting; may be empty.
-    Scope(Interrupts& interrupts, std::vector<std::shared_ptr<_FS_HANDLE>> handles,
-          std::string temporary_file = {});
+    explicit Scope(Interrupts& interrupts, std::string temporary_file = {});
     ~Scope();
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
@@ -56,7 +41,6 @@ class Interrupts {
    private:
     friend class Interrupts;
     Interrupts& interrupts_;
-    const std::vector<std::shared_ptr<_FS_HANDLE>> handles_;
     const std::string temporary_file_;
     std::list<const Scope*>::iterator place_;
   };
@@ -66,9 +50,8 @@ class Interrupts {
   void Raise();
 
   std::mutex mutex_;
-  std::condition_variable changed_;
   std::list<const Scope*> scopes_;
-  std::atomic<bool> raised_{false};
+  Cancellation cancellation_;
   base::UniqueFd signals_;
   base::UniqueFd stop_;
   std::thread thread_;

@@ -115,8 +115,7 @@ void Program::ChooseService() {
 void Program::Run(Interrupts& interrupts) {
   if (options_.command == Command::kLogout) return profile_.SignOut();
   ChooseService();
-  const HttpClient http({CertificateBundle().string(), options_.proxy, std::chrono::seconds(60),
-                         &interrupts.raised()});
+  const HttpClient http({CertificateBundle().string(), options_.proxy});
   if (options_.command == Command::kLogin) LogIn(http, interrupts);
   Authorizer authorizer({options_.service, http, profile_, log_, redactor_});
   const ModuleLibrary module(options_.module);
@@ -137,8 +136,9 @@ void Program::LogIn(const HttpClient& http, Interrupts& interrupts) {
               address + "\nand enter the code\n  " + code + "\n");
     out.Flush();
   };
+  const Interrupts::Scope scope(interrupts);
   const std::string token =
-      LogInByDevice({options_.service, http, interrupts, log_, redactor_}, show);
+      LogInByDevice({options_.service, http, interrupts.cancellation(), log_, redactor_}, show);
   profile_.KeepRefreshToken(token);
   profile_.KeepSettings(options_.service);
 }

@@ -26,10 +26,11 @@ void UploadFile(const TransferContext& context, const std::filesystem::path& fil
   _FS_FILE_V2 record;
   record.filename = name;
   record.size = source.size();
-  const Interrupts::Scope scope(context.interrupts, {handle});
+  const Interrupts::Scope scope(context.interrupts);
+  const Cancellation::Transfers transfers(context.interrupts.cancellation(), {handle});
   const AERROR result = context.drive.protocol().Upload(folder.record.id.c_str(), handle, &source,
                                                         &record, UPLOAD_FLAG{}, nullptr);
-  context.interrupts.Check();
+  context.interrupts.cancellation().Check();
   source.Check();
   context.drive.session().Check(result, "uploading " + Quoted(file.string()) + " to " +
                                             Quoted(JoinRemotePath(folder.path, name)));

@@ -246,8 +246,8 @@ TEST_F(AuthorizerTest, FailuresAreClearHoldNoSecretAndCostNoSignIn) {
 }
 
 TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
-  Interrupts interrupts;
-  const DeviceLoginContext context{settings_, http_, interrupts, log_, redactor_};
+  Cancellation cancellation;
+  const DeviceLoginContext context{settings_, http_, cancellation, log_, redactor_};
   const auto log_in = [&](auto answer) {
     return LogInByDevice(
         context, [&](const std::string&, const std::string& code) { EXPECT_TRUE(answer(code)); });

@@ -1,0 +1,68 @@
+// Cancellation: one request to end, for everything that somebody waits for together.
+//
+// Its owner raises it once: because of a signal, or because nobody waits for the result any more.
+// From then on waits end, the registered transfers stop, and requests that were given it are
+// aborted.
+//
+// Threads: every operation may be called from any thread. Raise takes a lock: not from a signal
+// handler.
+// Lifetime: must outlive everything that was given it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "onedrive4b/records.h"
+
+namespace host {
+
+/// Tells a running transfer to stop; safe while the module reads the handle.
+void StopTransfer(_FS_HANDLE& handle) noexcept;
+
+class Cancellation {
+ public:
+  Cancellation() = default;
+  Cancellation(const Cancellation&) = delete;
+  Cancellation& operator=(const Cancellation&) = delete;
+
+  void Raise();
+  bool raised() const noexcept { return raised_; }
+
+  /// Throws a kInterrupted Failure once `raised`.
+  void Check() const;
+
+  /// Waits; throws as Check does as soon as it is raised.
+  void Wait(std::chrono::milliseconds time);
+
+  /// Transfers that stop when it is raised, or at once when it already is.
+  class Transfers {
+   public:
+    using Handles = std::vector<std::shared_ptr<_FS_HANDLE>>;
+
+    Transfers(Cancellation& cancellation, Handles handles);
+    ~Transfers();
+    Transfers(const Transfers&) = delete;
+    Transfers& operator=(const Transfers&) = delete;
+
+   private:
+    friend class Cancellation;
+    void Stop() const noexcept;
+
+    Cancellation& cancellation_;
+    const Handles handles_;
+    std::list<const Transfers*>::iterator place_;
+  };
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::list<const Transfers*> transfers_;
+  std::atomic<bool> raised_{false};
+};
+
+}  // namespace host
