@@ -42,7 +42,7 @@ Json::Value ItemJson(const std::string& path, const _FS_FILE_V2& record) {
 
 void CheckDepth(std::size_t depth, const std::string& path) {
   if (depth > kDeepest) {
-    throw Failure(ExitCode::kFailed,
+    throw Failure(FailureKind::kFailed,
                   "the folders under " + Quoted(path.substr(0, 100)) + "... are nested too deep");
   }
 }

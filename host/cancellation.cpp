@@ -24,7 +24,7 @@ void Cancellation::Raise() {
 }
 
 void Cancellation::Check() const {
-  if (raised_) throw Failure(ExitCode::kInterrupted, "interrupted");
+  if (raised_) throw Failure(FailureKind::kInterrupted, "interrupted");
 }
 
 void Cancellation::Wait(std::chrono::milliseconds time) {

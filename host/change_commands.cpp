@@ -18,13 +18,13 @@ void CheckMove(const RemoteItem& source, const RemotePlace& place) {
   CheckChangeable(source);
   CheckWritable(place.folder);
   if (place.item && place.item->record.id != source.record.id) {
-    throw Failure(ExitCode::kFailed, Quoted(place.item->path) + " exists already",
+    throw Failure(FailureKind::kConflict, Quoted(place.item->path) + " exists already",
                   "delete it first, or choose another name");
   }
   CheckNewName(place.name);
   if (IsFolder(source.record) &&
       (place.folder.path + "/").starts_with(JoinRemotePath(source.path, ""))) {
-    throw Failure(ExitCode::kFailed,
+    throw Failure(FailureKind::kFailed,
                   Quoted(source.path) + " cannot be moved into " + Quoted(place.folder.path));
   }
 }
@@ -34,7 +34,8 @@ void CheckMove(const RemoteItem& source, const RemotePlace& place) {
 void MakeFolder(const Options& options, const RemoteDrive& drive) {
   if (!options.parents) {
     const RemotePlace place = drive.Locate(options.remote);
-    if (place.item) throw Failure(ExitCode::kFailed, Quoted(place.item->path) + " exists already");
+    if (place.item)
+      throw Failure(FailureKind::kConflict, Quoted(place.item->path) + " exists already");
     drive.MakeFolder(place.folder, place.name);
     return;
   }
@@ -51,7 +52,7 @@ void MakeFolder(const Options& options, const RemoteDrive& drive) {
     }
     folder = {JoinRemotePath(folder.path, entry->filename), folder.record.id, *entry};
     if (!IsFolder(folder.record)) {
-      throw Failure(ExitCode::kFailed, Quoted(folder.path) + " is a file, not a folder");
+      throw Failure(FailureKind::kFailed, Quoted(folder.path) + " is a file, not a folder");
     }
   }
 }
@@ -83,7 +84,7 @@ void RemoveItem(const Options& options, const RemoteDrive& drive) {
   CheckChangeable(item);
   const bool folder = IsFolder(item.record);
   if (folder && !options.recursive) {
-    throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a folder",
+    throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a folder",
                   "delete it with all it holds with -r");
   }
   const AERROR result = folder ? drive.protocol().DeleteDirectory(&item.record, nullptr)

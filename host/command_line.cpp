@@ -4,6 +4,7 @@
 
 #include "host/failure.h"
 #include "host/profile.h"
+#include "host/report.h"
 #include "host/text.h"
 
 namespace host {

@@ -44,7 +44,7 @@ seconds SecondsMember(const Json::Value& object, const char* name, seconds fallb
 }
 
 Failure LoginFailure(const std::string& reason) {
-  return Failure(ExitCode::kSignIn, "the login failed: " + reason);
+  return Failure(FailureKind::kSignIn, "the login failed: " + reason);
 }
 
 class DeviceLogin {

@@ -105,7 +105,7 @@ void CheckUnchanged(const TransferContext& context, const RemoteItem& item) {
     return record.eTag ? std::string(record.eTag.get()) : std::string();
   };
   if (now.size == item.record.size && tag(now) == tag(item.record)) return;
-  throw Failure(ExitCode::kFailed, Quoted(item.path) + " was changed during the download",
+  throw Failure(FailureKind::kChanged, Quoted(item.path) + " was changed during the download",
                 "download it again");
 }
 
@@ -131,8 +131,8 @@ class Printer final : public IFetchCallback {
   void Check(bool finished, std::int64_t end) const {
     if (error_ != 0) throw LocalFailure("write to", "standard output", error_);
     if (finished && next_ != end) {
-      throw Failure(ExitCode::kFailed, "the download ended early: " + std::to_string(end - next_) +
-                                           " bytes are missing");
+      throw Failure(FailureKind::kFailed, "the download ended early: " +
+                                              std::to_string(end - next_) + " bytes are missing");
     }
   }
 
@@ -148,7 +148,7 @@ class Printer final : public IFetchCallback {
 void Download(const TransferContext& context, const RemoteItem& item,
               const std::filesystem::path& target) {
   if (item.record.size < 0) {
-    throw Failure(ExitCode::kFailed, Quoted(item.path) + " has a size that makes no sense");
+    throw Failure(FailureKind::kFailed, Quoted(item.path) + " has a size that makes no sense");
   }
   DownloadTarget file(target, item.record.size);
   Progress progress(item.path, item.record.size, context.options.quiet);

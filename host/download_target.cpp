@@ -51,7 +51,7 @@ void DownloadTarget::CheckTarget() {
   }
   if (S_ISDIR(status.st_mode)) throw LocalFailure("write", target_.string(), EISDIR);
   if (!S_ISREG(status.st_mode)) {
-    throw Failure(ExitCode::kLocal, Quoted(target_.string()) + " is no regular file",
+    throw Failure(FailureKind::kLocal, Quoted(target_.string()) + " is no regular file",
                   "'onedrive4b cat' writes to pipes and devices");
   }
   mode_ = status.st_mode & kPermissionBits;
@@ -131,11 +131,11 @@ AERROR RangeReceiver::OnFetch(std::int64_t offset, const char* data, std::int64_
 void RangeReceiver::Check(bool finished) const {
   if (error_ != 0) throw LocalFailure("write", target_.temporary_file(), error_);
   if (out_of_order_) {
-    throw Failure(ExitCode::kFailed, "the module delivered bytes that were not asked for");
+    throw Failure(FailureKind::kFailed, "the module delivered bytes that were not asked for");
   }
   if (finished && reached_ != range_.offset + range_.length) {
     throw Failure(
-        ExitCode::kFailed,
+        FailureKind::kFailed,
         "the download ended early: " + std::to_string(range_.offset + range_.length - reached_) +
             " bytes are missing",
         "the file may have become shorter; try again");

@@ -15,7 +15,7 @@ std::unique_ptr<emulator::Service> Start() {
   try {
     return std::make_unique<emulator::Service>(options);
   } catch (const std::exception& error) {
-    throw Failure(ExitCode::kFailed,
+    throw Failure(FailureKind::kFailed,
                   std::string("the emulator cannot be started: ") + error.what());
   }
 }

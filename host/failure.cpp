@@ -1,28 +1,29 @@
 #include "host/failure.h"
 
-#include <new>
 #include <system_error>
 
-#include <unistd.h>
-
-#include "base/files.h"
 #include "host/text.h"
 
 namespace host {
 
-void PrintFailure(const Failure& failure) noexcept {
-  try {
-    std::string text = std::string("onedrive4b: ") + failure.what() + "\n";
-    if (!failure.advice().empty()) text += "onedrive4b: hint: " + failure.advice() + "\n";
-    base::WriteAll(STDERR_FILENO, text);
-  } catch (const std::bad_alloc&) {
-    base::WriteAll(STDERR_FILENO, failure.what());
+bool MayPass(FailureKind kind) noexcept {
+  switch (kind) {
+    case FailureKind::kLocked:
+    case FailureKind::kThrottled:
+    case FailureKind::kTrouble:
+    case FailureKind::kUnreachable:
+    case FailureKind::kProxy:
+      return true;
+    default:
+      return false;
   }
 }
 
 Failure LocalFailure(const std::string& action, const std::string& path, int error_number) {
-  return Failure(ExitCode::kLocal, "cannot " + action + " " + Quoted(path) + ": " +
-                                       std::system_category().message(error_number));
+  return {
+      FailureKind::kLocal,
+      "cannot " + action + " " + Quoted(path) + ": " + std::system_category().message(error_number),
+      "", error_number};
 }
 
 }  // namespace host

@@ -1,6 +1,7 @@
-// Failure: the one exception of the host program, and the exit codes that it ends with.
+// Failure: the one exception of the host library, and the kinds of failures that callers tell
+// apart.
 //
-// Thrown from any thread and caught once, where the program prints it; it owns its texts.
+// Thrown from any thread; it owns its texts.
 #pragma once
 
 #include <stdexcept>
@@ -9,36 +10,49 @@
 
 namespace host {
 
-/// What the program returns to the shell. Documented in --help; never renumbered.
-enum class ExitCode : int {
-  kOk = 0,
-  kFailed = 1,         ///< the service or the module refused or failed an operation
-  kUsage = 2,          ///< the command line makes no sense
-  kModule = 3,         ///< the module could not be loaded
-  kSignIn = 4,         ///< not signed in, or the sign-in failed
-  kNotFound = 5,       ///< a remote path does not exist
-  kLocal = 6,          ///< a local file, folder or the output could not be read or written
-  kProxy = 7,          ///< the proxy cannot be reached, or refuses
-  kInterrupted = 130,  ///< ended by Ctrl-C or SIGTERM
+enum class FailureKind {
+  kFailed,       ///< the service or the module failed an operation; nothing more exact is known
+  kUsage,        ///< the caller's settings or arguments make no sense
+  kModule,       ///< the module could not be loaded
+  kSignIn,       ///< not signed in, or the authority refused
+  kNotFound,     ///< the item does not exist (404)
+  kDenied,       ///< the account may not do this (403)
+  kRefused,      ///< the service does not accept the name or the request (400)
+  kConflict,     ///< an item of this name exists, or another change is running (409)
+  kChanged,      ///< the item is no longer the one that the caller knew (412, 416)
+  kLocked,       ///< somebody has the item open (423)
+  kQuota,        ///< the drive is full (507)
+  kThrottled,    ///< the service asks for fewer requests (429, 503)
+  kTrouble,      ///< the service has a fault of its own (other 5xx)
+  kUnreachable,  ///< no answer came: no connection, time-out, a broken transfer
+  kProxy,        ///< the proxy cannot be reached, or refuses
+  kLocal,        ///< a local file, folder or the output could not be read or written
+  kInterrupted,  ///< whoever waited for it asked it to end
 };
+
+/// Whether the same operation may succeed later without anybody changing anything.
+bool MayPass(FailureKind kind) noexcept;
 
 /// `what()` says what failed, `advice()` what the person can do about it (may be empty). Neither
 /// holds a secret.
 class Failure : public std::runtime_error {
  public:
-  Failure(ExitCode code, const std::string& what, std::string advice = {})
-      : std::runtime_error(what), code_(code), advice_(std::move(advice)) {}
+  Failure(FailureKind kind, const std::string& what, std::string advice = {}, int error_number = 0)
+      : std::runtime_error(what),
+        kind_(kind),
+        error_number_(error_number),
+        advice_(std::move(advice)) {}
 
-  ExitCode code() const noexcept { return code_; }
+  FailureKind kind() const noexcept { return kind_; }
   const std::string& advice() const noexcept { return advice_; }
+  /// The system's, for kLocal; 0 when there is none.
+  int error_number() const noexcept { return error_number_; }
 
  private:
-  ExitCode code_;
+  FailureKind kind_;
+  int error_number_;
   std::string advice_;
 };
-
-/// Writes "onedrive4b: <what>" and the advice to standard error.
-void PrintFailure(const Failure& failure) noexcept;
 
 /// "cannot <action> <path>: <the system's text for the error number>", as a kLocal failure.
 Failure LocalFailure(const std::string& action, const std::string& path, int error_number);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "host/failure.h"
+#include "host/report.h"
 
 namespace host {
 namespace {

@@ -20,7 +20,7 @@ std::string LoaderError() {
 }
 
 Failure LoadFailure(const std::string& reason) {
-  return Failure(ExitCode::kModule, "the module cannot be loaded: " + reason,
+  return Failure(FailureKind::kModule, "the module cannot be loaded: " + reason,
                  "give its place with --module");
 }
 

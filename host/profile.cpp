@@ -43,14 +43,14 @@ bool IsProfileName(const std::string& name) {
 
 std::filesystem::path ProfileFile(const std::string& name) {
   if (!IsProfileName(name)) {
-    throw Failure(ExitCode::kUsage, "a profile name must not look like that",
+    throw Failure(FailureKind::kUsage, "a profile name must not look like that",
                   "use letters, digits, '.', '_' and '-'");
   }
   std::filesystem::path folder = AbsolutePathFrom("XDG_STATE_HOME");
   if (folder.empty()) {
     folder = AbsolutePathFrom("HOME");
     if (folder.empty()) {
-      throw Failure(ExitCode::kUsage,
+      throw Failure(FailureKind::kUsage,
                     "no folder for profiles: neither HOME nor XDG_STATE_HOME is set");
     }
     folder /= ".local/state";

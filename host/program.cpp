@@ -24,6 +24,7 @@
 #include "host/profile.h"
 #include "host/redaction.h"
 #include "host/remote_drive.h"
+#include "host/report.h"
 #include "host/session.h"
 #include "host/text.h"
 #include "host/transfer_commands.h"
@@ -49,7 +50,7 @@ std::string ReadToken(const std::string& file) {
     token.pop_back();
   }
   if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
-    throw Failure(ExitCode::kUsage, "the refresh token file holds no single token");
+    throw Failure(FailureKind::kUsage, "the refresh token file holds no single token");
   }
   return token;
 }
@@ -102,7 +103,7 @@ void Program::ChooseService() {
   SetAuthority(service, kDefaultAuthority);
   if (service.discovery_resource.empty()) service.discovery_resource = kDefaultDiscoveryResource;
   if (token.empty() && profile_.RefreshToken().empty() && options_.command != Command::kLogin) {
-    throw Failure(ExitCode::kSignIn, "not signed in",
+    throw Failure(FailureKind::kSignIn, "not signed in",
                   "run 'onedrive4b login', or use --emulator to look around without an account");
   }
   CheckSettings(service);
@@ -200,9 +201,9 @@ int RunProgram(int argc, char** argv) noexcept {
     return Run(argc, argv);
   } catch (const Failure& failure) {
     PrintFailure(failure);
-    return static_cast<int>(failure.code());
+    return static_cast<int>(ExitCodeOf(failure.kind()));
   } catch (const std::exception& error) {
-    PrintFailure(Failure(ExitCode::kFailed, EscapeForTerminal(error.what())));
+    PrintFailure(Failure(FailureKind::kFailed, EscapeForTerminal(error.what())));
     return static_cast<int>(ExitCode::kFailed);
   }
 }

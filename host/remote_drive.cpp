@@ -46,14 +46,14 @@ RemotePlace RemoteDrive::Locate(const std::string& path) const {
   };
   RemotePlace place = Inside(ResolvePath(top, names, list), name);
   if (path.ends_with('/') && (!place.item || !IsFolder(place.item->record))) {
-    throw Failure(ExitCode::kNotFound, "there is no folder " + Quoted(path));
+    throw Failure(FailureKind::kNotFound, "there is no folder " + Quoted(path));
   }
   return place;
 }
 
 RemotePlace RemoteDrive::Inside(const RemoteItem& folder, const std::string& name) const {
   if (!IsFolder(folder.record)) {
-    throw Failure(ExitCode::kNotFound, Quoted(folder.path) + " is a file, not a folder");
+    throw Failure(FailureKind::kNotFound, Quoted(folder.path) + " is a file, not a folder");
   }
   RemotePlace place{folder, name, std::nullopt};
   const auto entries = List(folder.record.id, folder.path);
@@ -89,7 +89,7 @@ RemoteItem RemoteDrive::OwnDrive() const {
       return {JoinRemotePath(top.path, entry.filename), top.record.id, entry};
     }
   }
-  throw Failure(ExitCode::kNotFound, "the account has no drive of its own");
+  throw Failure(FailureKind::kNotFound, "the account has no drive of its own");
 }
 
 RemoteItem RemoteDrive::Top() const {

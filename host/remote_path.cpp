@@ -45,13 +45,13 @@ RemoteItem ResolvePath(const RemoteItem& top, const std::vector<std::string>& na
   RemoteItem item = top;
   for (const std::string& name : names) {
     if (!IsFolder(item.record)) {
-      throw Failure(ExitCode::kNotFound,
+      throw Failure(FailureKind::kNotFound,
                     Quoted(item.path) + " is a file, so it holds no " + Quoted(name));
     }
     const std::vector<_FS_FILE_V2> entries = list(item.record.id, item.path);
     const _FS_FILE_V2* entry = FindEntry(entries, name);
     if (entry == nullptr) {
-      throw Failure(ExitCode::kNotFound,
+      throw Failure(FailureKind::kNotFound,
                     "there is no " + Quoted(name) + " in " + Quoted(item.path));
     }
     item = {JoinRemotePath(item.path, entry->filename), item.record.id, *entry};
@@ -75,13 +75,13 @@ void SortByName(std::vector<_FS_FILE_V2>& entries) {
 
 void CheckWritable(const RemoteItem& folder) {
   if ((folder.record.attr & kSynthesisedBit) == 0) return;
-  throw Failure(ExitCode::kFailed, "nothing can be added to " + Quoted(folder.path),
+  throw Failure(FailureKind::kFailed, "nothing can be added to " + Quoted(folder.path),
                 "choose a folder in '/My Drive'");
 }
 
 void CheckChangeable(const RemoteItem& item) {
   if ((item.record.attr & kSynthesisedBit) == 0 && item.record.id != kDriveId) return;
-  throw Failure(ExitCode::kFailed, Quoted(item.path) + " cannot be changed",
+  throw Failure(FailureKind::kFailed, Quoted(item.path) + " cannot be changed",
                 "choose an item inside it");
 }
 
@@ -94,7 +94,7 @@ void CheckNewName(const std::string& name) {
   if (name.empty() || name == "." || name == ".." || control ||
       name.find_first_of(kForbidden) != std::string::npos || name.ends_with('.') ||
       name.ends_with(' ') || name.starts_with(' ') || base::ValidUtf8(name) != name) {
-    throw Failure(ExitCode::kFailed, "the service takes no item named " + Quoted(name),
+    throw Failure(FailureKind::kRefused, "the service takes no item named " + Quoted(name),
                   "names must not hold \" * : < > ? / \\ | or control characters, nor begin with "
                   "a blank, nor end in a blank or a dot");
   }

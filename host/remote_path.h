@@ -56,7 +56,7 @@ void CheckWritable(const RemoteItem& folder);
 /// the folders that the module made up.
 void CheckChangeable(const RemoteItem& item);
 
-/// Throws a kFailed Failure for a name that the service takes for no file or folder.
+/// Throws a kRefused Failure for a name that the service does not accept.
 void CheckNewName(const std::string& name);
 
 }  // namespace host

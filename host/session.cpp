@@ -76,7 +76,7 @@ Session::Session(const SessionContext& context, const SessionOptions& options)
     : context_(context), binding_(context.module, context.log) {
   IProtocol_V2* created = nullptr;
   if (!context.module.get_protocol("onedrive4b", &context.profile, &created)) {
-    throw Failure(ExitCode::kModule, "the module makes no protocol object");
+    throw Failure(FailureKind::kModule, "the module makes no protocol object");
   }
   protocol_.reset(created);
   SetOptions(options);
@@ -107,19 +107,19 @@ void Session::Connect() const {
   if (reason.empty()) {
     const Failure failure = Describe(result, "signing in");
     // Advice for a missing or changed item would mislead here.
-    const bool helps = failure.code() != ExitCode::kNotFound;
-    throw Failure(ExitCode::kSignIn, failure.what(), helps ? failure.advice() : "");
+    const bool helps = failure.kind() != FailureKind::kNotFound;
+    throw Failure(FailureKind::kSignIn, failure.what(), helps ? failure.advice() : "");
   }
   const auto named = [&](AERROR error) {
     return std::string(context_.module.error_name(error)) + " (" +
            std::to_string(static_cast<int>(error)) + "): ";
   };
   if (const AERROR proxy = context_.authorizer.LastProxyError(); proxy != SUCCESS) {
-    throw Failure(ExitCode::kProxy, named(proxy) + reason,
+    throw Failure(FailureKind::kProxy, named(proxy) + reason,
                   "check address, kind, user name and password in --proxy");
   }
   const bool refused = reason.find("refuses") != std::string::npos;
-  throw Failure(ExitCode::kSignIn, "signing in failed: " + named(result) + reason,
+  throw Failure(FailureKind::kSignIn, "signing in failed: " + named(result) + reason,
                 refused ? "run 'onedrive4b login' again" : "");
 }
 
@@ -134,9 +134,9 @@ Failure Session::Describe(AERROR result, const std::string& action) const {
                      std::to_string(static_cast<int>(result)) + ")";
   if (!line.empty()) what += ", " + WithoutTag(line);
   const int status = HttpStatusIn(line);
-  const ExitCode code =
-      status == 404 || result == FILE_NOT_FOUND ? ExitCode::kNotFound : ExitCode::kFailed;
-  return Failure(code, what, AdviceFor(status));
+  const FailureKind kind =
+      status == 404 || result == FILE_NOT_FOUND ? FailureKind::kNotFound : FailureKind::kFailed;
+  return Failure(kind, what, AdviceFor(status));
 }
 
 }  // namespace host

@@ -46,10 +46,10 @@ void CheckAddress(const char* name, const std::string& address) {
   const Url url(address);
   const std::string scheme = url.Part(CURLUPART_SCHEME);
   if (!url.ok() || (scheme != "https" && scheme != "http")) {
-    throw Failure(ExitCode::kUsage, std::string(name) + " is no http(s) address");
+    throw Failure(FailureKind::kUsage, std::string(name) + " is no http(s) address");
   }
   if (scheme == "http" && !IsLoopback(url.Part(CURLUPART_HOST))) {
-    throw Failure(ExitCode::kUsage,
+    throw Failure(FailureKind::kUsage,
                   std::string(name) + " would send tokens unencrypted to another machine",
                   "use an https:// address");
   }
@@ -80,12 +80,12 @@ std::string DeviceUrl(const std::string& token_url) {
 
 void CheckSettings(const ServiceSettings& settings) {
   if (settings.client_id.empty()) {
-    throw Failure(ExitCode::kUsage, "no client id is known",
+    throw Failure(FailureKind::kUsage, "no client id is known",
                   "give --client-id with the id under which your organisation registered the "
                   "program; the profile remembers it");
   }
   if (settings.service_endpoint.empty() != settings.service_resource.empty()) {
-    throw Failure(ExitCode::kUsage, "a preset service needs both its endpoint and its resource",
+    throw Failure(FailureKind::kUsage, "a preset service needs both its endpoint and its resource",
                   "give --service-endpoint and --service-resource together");
   }
   CheckAddress("the token address", settings.token_url);
@@ -100,7 +100,7 @@ void CheckSettings(const ServiceSettings& settings) {
 ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   const auto document = base::ParseJsonObject(ReadSmallFile(file, kMostServiceFileBytes));
   if (!document) {
-    throw Failure(ExitCode::kUsage,
+    throw Failure(FailureKind::kUsage,
                   "the service file " + Quoted(file.string()) + " is no JSON object");
   }
   ServiceFile result;
@@ -114,8 +114,8 @@ ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   }
   result.refresh_token = base::TextMember(*document, "refresh_token").value_or("");
   if (result.settings.token_url.empty() || result.refresh_token.empty()) {
-    throw Failure(ExitCode::kUsage, "the service file " + Quoted(file.string()) +
-                                        " lacks token_url or refresh_token");
+    throw Failure(FailureKind::kUsage, "the service file " + Quoted(file.string()) +
+                                           " lacks token_url or refresh_token");
   }
   return result;
 }
@@ -132,16 +132,16 @@ ProxySettings ParseProxy(const std::string& url, bool tunnel) {
   } else if (scheme == "http") {
     proxy.type = tunnel ? "HTTP with TUNNEL" : "HTTP without TUNNEL";
   } else {
-    throw Failure(ExitCode::kUsage, "the proxy address is not understood", kForms);
+    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
   }
   if (!tunnel && scheme != "http") {
-    throw Failure(ExitCode::kUsage, "--proxy-no-tunnel needs an http:// proxy");
+    throw Failure(FailureKind::kUsage, "--proxy-no-tunnel needs an http:// proxy");
   }
   proxy.host = parsed.Part(CURLUPART_HOST);
   const std::string path = parsed.Part(CURLUPART_PATH);
   if (proxy.host.empty() || (path != "/" && !path.empty()) ||
       !parsed.Part(CURLUPART_QUERY).empty()) {
-    throw Failure(ExitCode::kUsage, "the proxy address is not understood", kForms);
+    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
   }
   const std::string port = parsed.Part(CURLUPART_PORT);
   proxy.port = port.empty() ? kDefaultProxyPort

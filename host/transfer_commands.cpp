@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include "host/report.h"
 #include "host/text.h"
 
 namespace host {
@@ -21,7 +22,7 @@ class Batch {
     try {
       part();
     } catch (const Failure& failure) {
-      if (failure.code() == ExitCode::kInterrupted) throw;
+      if (failure.kind() == FailureKind::kInterrupted) throw;
       PrintFailure(failure);
       ++failed_;
     }
@@ -29,9 +30,9 @@ class Batch {
 
   void Check() const {
     if (failed_ == 0) return;
-    throw Failure(ExitCode::kFailed, std::to_string(failed_) +
-                                         (failed_ == 1 ? " item was" : " items were") +
-                                         " not transferred");
+    throw Failure(FailureKind::kFailed, std::to_string(failed_) +
+                                            (failed_ == 1 ? " item was" : " items were") +
+                                            " not transferred");
   }
 
  private:
@@ -97,7 +98,7 @@ RemoteItem EnsureFolder(const TransferContext& context, const RemoteItem& parent
   if (entry == nullptr) return context.drive.MakeFolder(parent, name);
   RemoteItem item{JoinRemotePath(parent.path, entry->filename), parent.record.id, *entry};
   if (!IsFolder(item.record)) {
-    throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a file, not a folder");
+    throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a file, not a folder");
   }
   return item;
 }
@@ -105,7 +106,7 @@ RemoteItem EnsureFolder(const TransferContext& context, const RemoteItem& parent
 void UploadInto(const TransferContext& context, const fs::path& file, const RemoteItem& folder,
                 const std::string& name, const _FS_FILE_V2* existing) {
   if (existing != nullptr && IsFolder(*existing)) {
-    throw Failure(ExitCode::kFailed,
+    throw Failure(FailureKind::kFailed,
                   Quoted(JoinRemotePath(folder.path, name)) + " is a folder, not a file");
   }
   UploadFile(context, file, folder, name);
@@ -121,8 +122,9 @@ void UploadFolder(const TransferContext& context, const fs::path& source, const 
         return UploadInto(context, entry, folder, name, FindEntry(known, name));
       }
       if (fs::is_symlink(entry)) {
-        throw Failure(ExitCode::kLocal, Quoted(entry.string()) +
-                                            " is a link to a folder, which could lead in circles");
+        throw Failure(
+            FailureKind::kLocal,
+            Quoted(entry.string()) + " is a link to a folder, which could lead in circles");
       }
       UploadFolder(context, entry, EnsureFolder(context, folder, name, known), batch);
     });
@@ -136,7 +138,8 @@ std::string LocalName(const std::string& path) {
   if (error) throw LocalFailure("read", path, error.value());
   fs::path last = fs::path(path).filename();
   if (last.empty() || last == "." || last == "..") last = whole.filename();
-  if (last.empty()) throw Failure(ExitCode::kUsage, Quoted(path) + " has no name to upload it as");
+  if (last.empty())
+    throw Failure(FailureKind::kUsage, Quoted(path) + " has no name to upload it as");
   return last.string();
 }
 
@@ -158,7 +161,7 @@ void CheckLocalName(const std::string& name) {
       name.find_first_of(std::string_view("/\0", 2)) == std::string::npos) {
     return;
   }
-  throw Failure(ExitCode::kLocal, "no local file can be named " + Quoted(name));
+  throw Failure(FailureKind::kLocal, "no local file can be named " + Quoted(name));
 }
 
 void Get(const TransferContext& context) {
@@ -171,7 +174,7 @@ void Get(const TransferContext& context) {
     return Download(context, item, place);
   }
   if (!context.options.recursive) {
-    throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a folder",
+    throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a folder",
                   "download all it holds with -r");
   }
   Batch batch;
@@ -181,7 +184,8 @@ void Get(const TransferContext& context) {
 
 void Cat(const TransferContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
-  if (IsFolder(item.record)) throw Failure(ExitCode::kFailed, Quoted(item.path) + " is a folder");
+  if (IsFolder(item.record))
+    throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a folder");
   Print(context, item);
 }
 
@@ -189,7 +193,8 @@ void Put(const TransferContext& context) {
   const std::string& local = context.options.local;
   const bool folder = IsLocalFolder(local);
   if (folder && !context.options.recursive) {
-    throw Failure(ExitCode::kFailed, Quoted(local) + " is a folder", "upload all it holds with -r");
+    throw Failure(FailureKind::kFailed, Quoted(local) + " is a folder",
+                  "upload all it holds with -r");
   }
   const RemotePlace place = UploadPlace(context, context.options.target, LocalName(local));
   const _FS_FILE_V2* existing = place.item ? &place.item->record : nullptr;

@@ -20,7 +20,7 @@ UploadSource::UploadSource(std::filesystem::path file)
   if (!fd_ || ::fstat(fd_.get(), &status_) != 0) throw LocalFailure("read", file_.string(), errno);
   if (S_ISDIR(status_.st_mode)) throw LocalFailure("upload", file_.string(), EISDIR);
   if (!S_ISREG(status_.st_mode)) {
-    throw Failure(ExitCode::kLocal, Quoted(file_.string()) + " is no regular file");
+    throw Failure(FailureKind::kLocal, Quoted(file_.string()) + " is no regular file");
   }
 }
 
@@ -49,7 +49,7 @@ int UploadSource::ReadCache(_CACHEIO_REQUEST* request) {
 void UploadSource::Check() const {
   if (error_ != 0) throw LocalFailure("read", file_.string(), error_);
   if (changed_ || HasChanged()) {
-    throw Failure(ExitCode::kLocal, Quoted(file_.string()) + " changed while it was uploaded",
+    throw Failure(FailureKind::kLocal, Quoted(file_.string()) + " changed while it was uploaded",
                   "upload it again when nothing writes to it");
   }
 }

@@ -63,13 +63,13 @@ class HostTest : public testing::Test {
 };
 
 template <typename Function>
-ExitCode CodeOf(Function function) {
+std::optional<FailureKind> KindOf(Function function) {
   try {
     function();
   } catch (const Failure& failure) {
-    return failure.code();
+    return failure.kind();
   }
-  return ExitCode::kOk;
+  return std::nullopt;
 }
 
 TEST_F(HostTest, StoreReplacesItsFileWholeAndPrivate) {
@@ -91,7 +91,7 @@ TEST_F(HostTest, StoreKeepsValueThatCannotBeWrittenAndWritesItLater) {
   store.Set("s", "a", "1");
   const fs::path obstacle = profile_file_.string() + ".new/x";
   fs::create_directories(obstacle);
-  EXPECT_EQ(CodeOf([&] { store.Set("s", "b", "2"); }), ExitCode::kLocal);
+  EXPECT_EQ(KindOf([&] { store.Set("s", "b", "2"); }), FailureKind::kLocal);
   EXPECT_EQ(ValueStore(profile_file_).Get("s", "a"), "1") << "the old file must stand";
   EXPECT_EQ(store.Get("s", "b"), "2");
   fs::remove_all(obstacle.parent_path());
@@ -253,10 +253,10 @@ TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
         context, [&](const std::string&, const std::string& code) { EXPECT_TRUE(answer(code)); });
   };
   EXPECT_NE(log_in([&](const std::string& code) { return service_.ApproveDevice(code); }), "");
-  EXPECT_EQ(CodeOf([&] {
+  EXPECT_EQ(KindOf([&] {
               log_in([&](const std::string& code) { return service_.DeclineDevice(code); });
             }),
-            ExitCode::kSignIn);
+            FailureKind::kSignIn);
 }
 
 TEST(Redaction, HidesSecretsAndLeavesTheRest) {
@@ -312,7 +312,7 @@ TEST(Text, SizesAndStatusesAndProxies) {
             "HTTP without TUNNEL[::1]us@erp:w");
   EXPECT_EQ(proxy.port, 8080);
   for (const char* bad : {"", "ftp://h", "http://h/path", "socks5h://h", "http://"}) {
-    EXPECT_EQ(CodeOf([&] { ParseProxy(bad, true); }), ExitCode::kUsage) << bad;
+    EXPECT_EQ(KindOf([&] { ParseProxy(bad, true); }), FailureKind::kUsage) << bad;
   }
 }
 
@@ -338,13 +338,13 @@ TEST(RemotePath, FindsByExactNameThenWithoutCase) {
   EXPECT_EQ(find("docs/über.txt").path, "/docs/ÜBER.txt");
   EXPECT_EQ(find("docs/über.txt").parent_id, "1");
   for (const char* path : {"/nope/x", "/F/x", "/docs/nope"}) {
-    EXPECT_EQ(CodeOf([&] { find(path); }), ExitCode::kNotFound) << path;
+    EXPECT_EQ(KindOf([&] { find(path); }), FailureKind::kNotFound) << path;
   }
   for (const char* bad : {"", ".", "..", "a/b", "a:b", "a.", "a ", "a\n", "\xFF"}) {
-    EXPECT_EQ(CodeOf([&] { CheckNewName(bad); }), ExitCode::kFailed) << bad;
+    EXPECT_EQ(KindOf([&] { CheckNewName(bad); }), FailureKind::kRefused) << bad;
   }
   for (const char* bad : {"", ".", "..", "a/b", "/etc/x"}) {
-    EXPECT_EQ(CodeOf([&] { CheckLocalName(bad); }), ExitCode::kLocal) << bad;
+    EXPECT_EQ(KindOf([&] { CheckLocalName(bad); }), FailureKind::kLocal) << bad;
   }
 }
 
@@ -356,10 +356,10 @@ TEST_F(HostTest, DownloadReplacesItsTargetOnlyWhenWhole) {
     DownloadTarget abandoned(target, 5);
     EXPECT_EQ(abandoned.Write(0, "new"), 0);
   }
-  EXPECT_EQ(CodeOf([&] { DownloadTarget huge(target, INT64_MAX); }), ExitCode::kLocal);
-  EXPECT_EQ(CodeOf([&] { DownloadTarget folder(folder_, 1); }), ExitCode::kLocal);
-  EXPECT_EQ(CodeOf([&] { DownloadTarget none(folder_ / "no/t", 1); }), ExitCode::kLocal);
-  EXPECT_EQ(CodeOf([&] { DownloadTarget device("/dev/null", 1); }), ExitCode::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget huge(target, INT64_MAX); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget folder(folder_, 1); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget none(folder_ / "no/t", 1); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget device("/dev/null", 1); }), FailureKind::kLocal);
   EXPECT_EQ(Read(target), "old");
   DownloadTarget good(folder_ / "link", 5);
   EXPECT_EQ(good.Write(3, "er"), 0);
@@ -393,7 +393,7 @@ TEST_F(HostTest, RangeIsWholeOrFails) {
     for (const auto& [offset, data] : test.pieces) {
       receiver.OnFetch(offset, data.data(), static_cast<std::int64_t>(data.size()), 0);
     }
-    EXPECT_EQ(CodeOf([&] { receiver.Check(true); }) == ExitCode::kOk, test.good) << test.what;
+    EXPECT_EQ(KindOf([&] { receiver.Check(true); }) == std::nullopt, test.good) << test.what;
     if (test.good) {
       EXPECT_EQ(Read(target.temporary_file()).substr(4), "abcd") << test.what;
     }
@@ -413,7 +413,7 @@ TEST_F(HostTest, UploadNoticesWhatChangesUnderneath) {
     meanwhile(file);
     request.offset = 8;
     const int result = source.ReadCache(&request);
-    EXPECT_EQ(CodeOf([&] { source.Check(); }) == ExitCode::kOk, result == 0);
+    EXPECT_EQ(KindOf([&] { source.Check(); }) == std::nullopt, result == 0);
     return result == 0;
   };
   EXPECT_TRUE(upload([](const fs::path&) {}));
@@ -424,7 +424,7 @@ TEST_F(HostTest, UploadNoticesWhatChangesUnderneath) {
   EXPECT_FALSE(upload([](const fs::path& file) { fs::remove(file); }));
   ASSERT_EQ(mkfifo((folder_ / "pipe").c_str(), 0600), 0);
   for (const char* name : {"pipe", "missing", "."}) {
-    EXPECT_EQ(CodeOf([&] { UploadSource source(folder_ / name); }), ExitCode::kLocal) << name;
+    EXPECT_EQ(KindOf([&] { UploadSource source(folder_ / name); }), FailureKind::kLocal) << name;
   }
 }
 
