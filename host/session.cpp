@@ -1,70 +1,9 @@
 #include "host/session.h"
 
-#include <charconv>
-
 #include "base/json_text.h"
+#include "host/service_error.h"
 
 namespace host {
-namespace {
-
-/// What a person can do about an HTTP status of the service.
-const char* AdviceFor(int status) {
-  switch (status) {
-    case 400:
-      return "the service does not accept this name or request";
-    case 401:
-      return "run 'onedrive4b login' again";
-    case 403:
-      return "the account may not do this here";
-    case 404:
-      return "the item is gone; list the folder again";
-    case 409:
-      return "an item of this name is there already, or another change is running";
-    case 412:
-      return "the item was changed by someone else in between; look at it again";
-    case 416:
-      return "the file is shorter now; list the folder again";
-    case 423:
-      return "the item is locked, perhaps because it is open somewhere; try later";
-    case 429:
-    case 503:
-      return "the service asks for fewer requests; try later";
-    case 507:
-      return "the drive is full";
-    default:
-      return status >= 500 ? "the service has trouble; try later" : "";
-  }
-}
-
-std::string WithoutTag(const std::string& line) {
-  const std::size_t end = line.find("] ");
-  return line.starts_with('[') && end != std::string::npos ? line.substr(end + 2) : line;
-}
-
-}  // namespace
-
-int HttpStatusIn(const std::string& line) {
-  // ">> HTTP 404", ">> ON HTTP 404 : ...", ">> ON HTTP(for any code) 404 : ...",
-  // ">> ON HTTP RANGE 200(206) : ..."
-  std::size_t at = line.rfind(">> ");
-  if (at == std::string::npos) return 0;
-  at = line.find("HTTP", at);
-  if (at == std::string::npos) return 0;
-  const bool range = line.compare(at, 10, "HTTP RANGE") == 0;
-  if (range) {
-    at = line.find('(', at);
-  } else if (line.compare(at, 5, "HTTP(") == 0) {
-    at = line.find(')', at);
-  } else {
-    at += 4;
-  }
-  if (at == std::string::npos) return 0;
-  at = line.find_first_of("0123456789", at);
-  int status = 0;
-  if (at != std::string::npos) std::from_chars(line.data() + at, line.data() + line.size(), status);
-  return status;
-}
-
 Session::LoggerBinding::LoggerBinding(const ModuleLibrary& module, LogWriter& log)
     : module_(module) {
   module_.bind_logger(&log);
@@ -130,13 +69,12 @@ void Session::Check(AERROR result, const std::string& action) const {
 
 Failure Session::Describe(AERROR result, const std::string& action) const {
   const std::string line = context_.log.TakeLastError();
+  const ServiceError error =
+      ReadServiceError(line.empty() ? std::vector<std::string>() : std::vector{line});
   std::string what = action + " failed: " + context_.module.error_name(result) + " (" +
                      std::to_string(static_cast<int>(result)) + ")";
-  if (!line.empty()) what += ", " + WithoutTag(line);
-  const int status = HttpStatusIn(line);
-  const FailureKind kind =
-      status == 404 || result == FILE_NOT_FOUND ? FailureKind::kNotFound : FailureKind::kFailed;
-  return Failure(kind, what, AdviceFor(status));
+  if (!error.line.empty()) what += ", " + error.line;
+  return {KindOf(result, error), what, AdviceFor(error)};
 }
 
 }  // namespace host

@@ -68,7 +68,4 @@ class Session {
   std::unique_ptr<IProtocol_V2, Releaser> protocol_;
 };
 
-/// The HTTP status that a line of the module's log reports, 0 for none.
-int HttpStatusIn(const std::string& line);
-
 }  // namespace host

@@ -19,6 +19,7 @@
 #include "host/failure.h"
 #include "host/profile.h"
 #include "host/remote_path.h"
+#include "host/service_error.h"
 #include "host/session.h"
 #include "host/text.h"
 #include "host/transfer_commands.h"
@@ -296,23 +297,65 @@ TEST(Text, NamesCannotControlTheTerminal) {
   EXPECT_EQ(base::ValidUtf8("a\xFF"), "a\xEF\xBF\xBD");
 }
 
-TEST(Text, SizesAndStatusesAndProxies) {
+TEST(Text, SizesAndProxies) {
   EXPECT_EQ(HumanSize(999), "999 B");
   EXPECT_EQ(HumanSize(1023488), "1.0 MiB");
   EXPECT_EQ(ParseSize("2M"), 2097152);
   for (const char* bad : {"", "0", "k", "1kb", "-1", "9999999999999G"}) {
     EXPECT_FALSE(ParseSize(bad)) << bad;
   }
-  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] Read >> ON HTTP(for any code) 503 : FAILED(0x1)"), 503);
-  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] X >> ON HTTP RANGE 200(206) : FAILED(0x1)"), 206);
-  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] Rename >> HTTP 409"), 409);
-  EXPECT_EQ(HttpStatusIn("[PROTOCOL  ] X >> Couldn't connect to server"), 0);
   const ProxySettings proxy = ParseProxy("http://us%40er:p%3Aw@[::1]:8080", false);
   EXPECT_EQ(proxy.type + proxy.host + proxy.user + proxy.password,
             "HTTP without TUNNEL[::1]us@erp:w");
   EXPECT_EQ(proxy.port, 8080);
   for (const char* bad : {"", "ftp://h", "http://h/path", "socks5h://h", "http://"}) {
     EXPECT_EQ(KindOf([&] { ParseProxy(bad, true); }), FailureKind::kUsage) << bad;
+  }
+}
+
+TEST(ServiceError, IsReadFromTheLinesOfTheOperation) {
+  using Lines = std::vector<std::string>;
+  struct Case {
+    Lines lines;
+    AERROR result;
+    int status;
+    FailureKind kind;
+  };
+  const std::string end = "[PROTOCOL  ] Connect Failed to find service end point";
+  for (const Case& c : {
+           Case{{"[PROTOCOL  ] Read >> ON HTTP(for any code) 503 : FAILED(0x00000001)"},
+                FAILED,
+                503,
+                FailureKind::kThrottled},
+           {{"[PROTOCOL  ] X >> ON HTTP RANGE 200(206) : FAILED(0x00000001)"},
+            FAILED,
+            206,
+            FailureKind::kFailed},
+           {{"[PROTOCOL  ] X >> ON HTTP 401 : FAILED(0x00000001)"},
+            FAILED,
+            401,
+            FailureKind::kSignIn},
+           {{"[PROTOCOL  ] Rename >> HTTP 409"}, FAILED, 409, FailureKind::kConflict},
+           {{"[PROTOCOL  ] Upload >> HTTP 412"}, FAILED, 412, FailureKind::kChanged},
+           {{"[PROTOCOL  ] Upload >> HTTP 423"}, FAILED, 423, FailureKind::kLocked},
+           {{"[PROTOCOL  ] Upload >> HTTP 507"}, FAILED, 507, FailureKind::kQuota},
+           {{"[PROTOCOL  ] Upload >> HTTP 502"}, FAILED, 502, FailureKind::kTrouble},
+           {{"[PROTOCOL  ] X >> Couldn't connect to server"}, FAILED, 0, FailureKind::kUnreachable},
+           {{"[PROTOCOL  ] X >> Couldn't resolve proxy name"}, FAILED, 0, FailureKind::kProxy},
+           {{"[PROTOCOL  ] X >> No more backoff"}, FAILED, 0, FailureKind::kThrottled},
+           {{"[PROTOCOL  ] Read >> Failed writing received data to disk/application"},
+            READ_CANCELED,
+            0,
+            FailureKind::kInterrupted},
+           {{"[PROTOCOL  ] X >> HTTP 500", end}, AUTH_FAILED, 500, FailureKind::kTrouble},
+           {{end}, AUTH_FAILED, 0, FailureKind::kSignIn},
+           {{"[PROTOCOL  ] 'HTTP 404 >> ' id is null"}, FAILED, 0, FailureKind::kFailed},
+           {{}, FILE_NOT_FOUND, 0, FailureKind::kNotFound},
+           {{}, ACCESS_DENIED, 0, FailureKind::kDenied},
+       }) {
+    const ServiceError error = ReadServiceError(c.lines);
+    EXPECT_EQ(error.status, c.status) << error.line;
+    EXPECT_EQ(KindOf(c.result, error), c.kind) << error.line << c.result;
   }
 }
 
