@@ -23,20 +23,20 @@ std::string TimeText(const std::string& time) {
   return EscapeForTerminal(time.substr(0, 10) + " " + time.substr(11, kSeconds - 11));
 }
 
-std::string DisplayName(const _FS_FILE_V2& record) {
-  return EscapeForTerminal(record.filename) + (IsFolder(record) ? "/" : "");
+std::string DisplayName(const Item& record) {
+  return EscapeForTerminal(record.name) + (record.folder ? "/" : "");
 }
 
-Json::Value ItemJson(const std::string& path, const _FS_FILE_V2& record) {
+Json::Value ItemJson(const std::string& path, const Item& record) {
   Json::Value item(Json::objectValue);
   item["path"] = base::ValidUtf8(path);
-  item["name"] = base::ValidUtf8(record.filename);
+  item["name"] = base::ValidUtf8(record.name);
   item["id"] = base::ValidUtf8(record.id);
-  item["kind"] = IsFolder(record) ? "folder" : "file";
+  item["kind"] = record.folder ? "folder" : "file";
   item["size"] = Json::Int64{record.size};
-  item["created"] = base::ValidUtf8(record.crtime);
-  item["modified"] = base::ValidUtf8(record.lasttime);
-  if (record.eTag) item["etag"] = base::ValidUtf8(record.eTag.get());
+  item["created"] = base::ValidUtf8(record.created);
+  item["modified"] = base::ValidUtf8(record.modified);
+  if (!record.etag.empty()) item["etag"] = base::ValidUtf8(record.etag);
   return item;
 }
 
@@ -47,32 +47,32 @@ void CheckDepth(std::size_t depth, const std::string& path) {
   }
 }
 
-void WriteEntries(const BrowseContext& context, const std::vector<_FS_FILE_V2>& entries) {
+void WriteEntries(const BrowseContext& context, const std::vector<Item>& entries) {
   Table table(context.options.long_format ? std::vector<bool>{false, true, false, false}
                                           : std::vector<bool>{false});
-  for (const _FS_FILE_V2& entry : entries) {
+  for (const Item& entry : entries) {
     if (!context.options.long_format) {
       table.Add({DisplayName(entry)});
       continue;
     }
     const std::string size =
-        IsFolder(entry) ? std::string("-") : SizeText(entry.size, context.options.bytes);
-    table.Add({IsFolder(entry) ? "d" : "-", size, TimeText(entry.lasttime), DisplayName(entry)});
+        entry.folder ? std::string("-") : SizeText(entry.size, context.options.bytes);
+    table.Add({entry.folder ? "d" : "-", size, TimeText(entry.modified), DisplayName(entry)});
   }
   table.WriteTo(context.out);
 }
 
 void ListAsText(const BrowseContext& context, const RemoteItem& folder, std::size_t depth) {
   CheckDepth(depth, folder.path);
-  const auto entries = context.drive.List(folder.record.id, folder.path);
+  const auto entries = context.drive.List(folder);
   if (context.options.recursive) {
     context.out.Write((depth > 0 ? "\n" : "") + EscapeForTerminal(folder.path) + ":\n");
   }
   WriteEntries(context, entries);
   if (!context.options.recursive) return;
-  for (const _FS_FILE_V2& entry : entries) {
-    if (!IsFolder(entry)) continue;
-    ListAsText(context, {JoinRemotePath(folder.path, entry.filename), folder.record.id, entry},
+  for (const Item& entry : entries) {
+    if (!entry.folder) continue;
+    ListAsText(context, {JoinRemotePath(folder.path, entry.name), folder.item.id, entry},
                depth + 1);
   }
 }
@@ -80,11 +80,11 @@ void ListAsText(const BrowseContext& context, const RemoteItem& folder, std::siz
 void ListAsJson(const BrowseContext& context, const RemoteItem& folder, std::size_t depth,
                 Json::Value& items) {
   CheckDepth(depth, folder.path);
-  for (const _FS_FILE_V2& entry : context.drive.List(folder.record.id, folder.path)) {
-    const std::string path = JoinRemotePath(folder.path, entry.filename);
+  for (const Item& entry : context.drive.List(folder)) {
+    const std::string path = JoinRemotePath(folder.path, entry.name);
     items.append(ItemJson(path, entry));
-    if (context.options.recursive && IsFolder(entry)) {
-      ListAsJson(context, {path, folder.record.id, entry}, depth + 1, items);
+    if (context.options.recursive && entry.folder) {
+      ListAsJson(context, {path, folder.item.id, entry}, depth + 1, items);
     }
   }
 }
@@ -101,26 +101,26 @@ std::string Counted(std::size_t count, const std::string& noun) {
 void DrawBranches(const BrowseContext& context, const RemoteItem& folder, const std::string& stem,
                   std::size_t depth, TreeCounts& counts) {
   CheckDepth(depth, folder.path);
-  const auto entries = context.drive.List(folder.record.id, folder.path);
+  const auto entries = context.drive.List(folder);
   for (std::size_t i = 0; i < entries.size(); ++i) {
-    const _FS_FILE_V2& entry = entries[i];
+    const Item& entry = entries[i];
     const bool last = i + 1 == entries.size();
     context.out.Write(stem + (last ? "└── " : "├── ") + DisplayName(entry) + "\n");
-    ++(IsFolder(entry) ? counts.folders : counts.files);
-    if (!IsFolder(entry) || depth == context.options.depth) continue;
-    DrawBranches(context, {JoinRemotePath(folder.path, entry.filename), folder.record.id, entry},
+    ++(entry.folder ? counts.folders : counts.files);
+    if (!entry.folder || depth == context.options.depth) continue;
+    DrawBranches(context, {JoinRemotePath(folder.path, entry.name), folder.item.id, entry},
                  stem + (last ? "    " : "│   "), depth + 1, counts);
   }
 }
 
 Json::Value TreeJson(const BrowseContext& context, const RemoteItem& item, std::size_t depth) {
   CheckDepth(depth, item.path);
-  Json::Value node = ItemJson(item.path, item.record);
+  Json::Value node = ItemJson(item.path, item.item);
   const bool deep_enough = context.options.depth != 0 && depth > context.options.depth;
-  if (!IsFolder(item.record) || deep_enough) return node;
+  if (!item.item.folder || deep_enough) return node;
   node["children"] = Json::Value(Json::arrayValue);
-  for (const _FS_FILE_V2& entry : context.drive.List(item.record.id, item.path)) {
-    const RemoteItem child{JoinRemotePath(item.path, entry.filename), item.record.id, entry};
+  for (const Item& entry : context.drive.List(item)) {
+    const RemoteItem child{JoinRemotePath(item.path, entry.name), item.item.id, entry};
     node["children"].append(TreeJson(context, child, depth + 1));
   }
   return node;
@@ -129,17 +129,7 @@ Json::Value TreeJson(const BrowseContext& context, const RemoteItem& item, std::
 }  // namespace
 
 void WhoAmI(const BrowseContext& context) {
-  // The interface tells the size that is missing for no name, so the buffer grows until it fits.
-  std::string name(256, '\0');
-  int length = 0;
-  AERROR result = INSUFFICIENT_BUFFER;
-  while (result == INSUFFICIENT_BUFFER && name.size() < (1U << 20U)) {
-    name.resize(name.size() * 2);
-    length = static_cast<int>(name.size()) - 1;
-    result = context.drive.protocol().GetUserInfo(name.data(), &length);
-  }
-  context.drive.session().Check(result, "asking who is signed in");
-  name.resize(static_cast<std::size_t>(length));
+  const std::string name = context.drive.items().UserName();
   if (context.options.json) {
     Json::Value document(Json::objectValue);
     document["name"] = base::ValidUtf8(name);
@@ -150,10 +140,7 @@ void WhoAmI(const BrowseContext& context) {
 }
 
 void ShowSpace(const BrowseContext& context) {
-  std::uint64_t total = 0;
-  std::uint64_t used = 0;
-  context.drive.session().Check(context.drive.protocol().GetQuota(&total, &used),
-                                "asking for the drive's space");
+  const auto [total, used] = context.drive.items().DriveSpace();
   const std::uint64_t free = used < total ? total - used : 0;
   if (context.options.json) {
     Json::Value document(Json::objectValue);
@@ -177,16 +164,16 @@ void ListFolder(const BrowseContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
   if (context.options.json) {
     Json::Value items(Json::arrayValue);
-    if (IsFolder(item.record)) {
+    if (item.item.folder) {
       ListAsJson(context, item, 0, items);
     } else {
-      items.append(ItemJson(item.path, item.record));
+      items.append(ItemJson(item.path, item.item));
     }
     context.out.Write(base::PrettyJson(items));
-  } else if (IsFolder(item.record)) {
+  } else if (item.item.folder) {
     ListAsText(context, item, 0);
   } else {
-    WriteEntries(context, {item.record});
+    WriteEntries(context, {item.item});
   }
 }
 
@@ -195,26 +182,26 @@ void ShowTree(const BrowseContext& context) {
   if (context.options.json) return context.out.Write(base::PrettyJson(TreeJson(context, item, 1)));
   context.out.Write(EscapeForTerminal(item.path) + "\n");
   TreeCounts counts;
-  if (IsFolder(item.record)) DrawBranches(context, item, "", 1, counts);
+  if (item.item.folder) DrawBranches(context, item, "", 1, counts);
   context.out.Write("\n" + Counted(counts.folders, "folder") + ", " +
                     Counted(counts.files, "file") + "\n");
 }
 
 void ShowItem(const BrowseContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
-  const _FS_FILE_V2 record = context.drive.Describe(item);
+  const Item record = context.drive.Describe(item);
   if (context.options.json) return context.out.Write(base::PrettyJson(ItemJson(item.path, record)));
   Table table({false, false});
   table.Add({"Path", EscapeForTerminal(item.path)});
-  table.Add({"Name", EscapeForTerminal(record.filename)});
-  table.Add({"Kind", IsFolder(record) ? "folder" : "file"});
-  if (!IsFolder(record)) {
+  table.Add({"Name", EscapeForTerminal(record.name)});
+  table.Add({"Kind", record.folder ? "folder" : "file"});
+  if (!record.folder) {
     table.Add(
         {"Size", SizeText(record.size, false) + " (" + std::to_string(record.size) + " bytes)"});
   }
-  table.Add({"Created", TimeText(record.crtime)});
-  table.Add({"Modified", TimeText(record.lasttime)});
-  if (record.eTag) table.Add({"Tag", EscapeForTerminal(record.eTag.get())});
+  table.Add({"Created", TimeText(record.created)});
+  table.Add({"Modified", TimeText(record.modified)});
+  if (!record.etag.empty()) table.Add({"Tag", EscapeForTerminal(record.etag)});
   table.Add({"Id", EscapeForTerminal(record.id)});
   table.WriteTo(context.out);
 }

@@ -29,7 +29,7 @@ class RangeQueue {
   RangeQueue(const TransferContext& context, const RemoteItem& item, DownloadTarget& target,
              Progress& progress)
       : context_(context), item_(item), target_(target), progress_(progress) {
-    const std::int64_t size = item.record.size;
+    const std::int64_t size = item.item.size;
     const auto threads = static_cast<std::int64_t>(context.options.parallel);
     range_length_ = threads == 1 ? std::max<std::int64_t>(size, 1)
                                  : std::clamp(size / (threads * kRangesPerThread), kShortestRange,
@@ -63,8 +63,8 @@ class RangeQueue {
     try {
       while (!context_.interrupts.cancellation().raised() && !failed_) {
         const std::int64_t offset = next_.fetch_add(range_length_);
-        if (offset >= item_.record.size) return;
-        Fetch({offset, std::min(range_length_, item_.record.size - offset)}, handle);
+        if (offset >= item_.item.size) return;
+        Fetch({offset, std::min(range_length_, item_.item.size - offset)}, handle);
       }
     } catch (...) {
       Fail(std::current_exception());
@@ -73,10 +73,14 @@ class RangeQueue {
 
   void Fetch(const RangeReceiver::Range& range, const std::shared_ptr<_FS_HANDLE>& handle) {
     RangeReceiver receiver(target_, range, handle, progress_);
-    const AERROR result = context_.drive.protocol().Read(item_.record.id.c_str(), range.offset,
-                                                         range.length, handle, &receiver, nullptr);
-    receiver.Check(result == SUCCESS);
-    context_.drive.session().Check(result, "downloading " + Quoted(item_.path));
+    try {
+      context_.drive.items().Read({item_.item.id, range.offset, range.length, handle}, receiver,
+                                  item_.path);
+    } catch (const Failure&) {
+      receiver.Check(false);  // what ended the transfer here says more
+      throw;
+    }
+    receiver.Check(true);
   }
 
   void Fail(const std::exception_ptr& failure) noexcept {
@@ -100,11 +104,8 @@ class RangeQueue {
 
 /// A file that changed while its ranges were fetched one after the other would be a mixture.
 void CheckUnchanged(const TransferContext& context, const RemoteItem& item) {
-  const _FS_FILE_V2 now = context.drive.Describe(item);
-  const auto tag = [](const _FS_FILE_V2& record) {
-    return record.eTag ? std::string(record.eTag.get()) : std::string();
-  };
-  if (now.size == item.record.size && tag(now) == tag(item.record)) return;
+  const Item now = context.drive.Describe(item);
+  if (now.size == item.item.size && now.etag == item.item.etag) return;
   throw Failure(FailureKind::kChanged, Quoted(item.path) + " was changed during the download",
                 "download it again");
 }
@@ -147,11 +148,11 @@ class Printer final : public IFetchCallback {
 
 void Download(const TransferContext& context, const RemoteItem& item,
               const std::filesystem::path& target) {
-  if (item.record.size < 0) {
+  if (item.item.size < 0) {
     throw Failure(FailureKind::kFailed, Quoted(item.path) + " has a size that makes no sense");
   }
-  DownloadTarget file(target, item.record.size);
-  Progress progress(item.path, item.record.size, context.options.quiet);
+  DownloadTarget file(target, item.item.size);
+  Progress progress(item.path, item.item.size, context.options.quiet);
   RangeQueue ranges(context, item, file, progress);
   const Interrupts::Scope scope(context.interrupts, file.temporary_file());
   const Cancellation::Transfers transfers(context.interrupts.cancellation(), ranges.handles());
@@ -167,15 +168,19 @@ void Print(const TransferContext& context, const RemoteItem& item) {
   const auto handle = std::make_shared<_FS_HANDLE>();
   const Interrupts::Scope scope(context.interrupts);
   const Cancellation::Transfers transfers(context.interrupts.cancellation(), {handle});
-  const std::int64_t offset = std::min(context.options.offset, item.record.size);
-  const std::int64_t left = item.record.size - offset;
+  const std::int64_t offset = std::min(context.options.offset, item.item.size);
+  const std::int64_t left = item.item.size - offset;
   const std::int64_t length = std::min(context.options.length.value_or(left), left);
   Printer printer(context.out.fd(), handle, offset);
-  const AERROR result = context.drive.protocol().Read(item.record.id.c_str(), offset, length,
-                                                      handle, &printer, nullptr);
+  try {
+    context.drive.items().Read({item.item.id, offset, length, handle}, printer, item.path);
+  } catch (const Failure&) {
+    context.interrupts.cancellation().Check();
+    printer.Check(false, offset + length);
+    throw;
+  }
   context.interrupts.cancellation().Check();
-  printer.Check(result == SUCCESS, offset + length);
-  context.drive.session().Check(result, "reading " + Quoted(item.path));
+  printer.Check(true, offset + length);
 }
 
 }  // namespace host

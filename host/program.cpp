@@ -124,7 +124,8 @@ void Program::Run(Interrupts& interrupts) {
   const std::int64_t rate = (options_.rate_limit + options_.parallel - 1) / options_.parallel;
   Session session({module, profile_, authorizer, log_},
                   {options_.service, options_.proxy, !options_.hide_shared, rate});
-  const RemoteDrive drive(session);
+  const ItemClient items(session);
+  const RemoteDrive drive(items);
   Output out(STDOUT_FILENO);
   RunCommand({options_, drive, out, interrupts});
   out.Flush();

@@ -1,15 +1,15 @@
-// RemoteDrive: the drive of a session, by paths.
+// RemoteDrive: the drive by paths.
 //
-// Threads: as the session's protocol object: several at once.
-// Lifetime: the session must outlive it.
+// Threads: every operation may be called from several threads at once.
+// Lifetime: the client must outlive it.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/item_client.h"
 #include "host/remote_path.h"
-#include "host/session.h"
 
 namespace host {
 
@@ -22,13 +22,13 @@ struct RemotePlace {
 
 class RemoteDrive {
  public:
-  explicit RemoteDrive(Session& session) : session_(session) {}
+  explicit RemoteDrive(const ItemClient& items) : items_(items) {}
 
-  IProtocol_V2& protocol() const { return session_.protocol(); }
-  const Session& session() const { return session_; }
+  /// The same drive by ids.
+  const ItemClient& items() const noexcept { return items_; }
 
   /// Entries of a folder, sorted by name. Throws Failure.
-  std::vector<_FS_FILE_V2> List(const std::string& id, const std::string& path) const;
+  std::vector<Item> List(const RemoteItem& folder) const;
 
   /// The item that `path` names. Throws Failure.
   RemoteItem Find(const std::string& path) const;
@@ -40,7 +40,7 @@ class RemoteDrive {
   RemotePlace Inside(const RemoteItem& folder, const std::string& name) const;
 
   /// What the service says of the item now. Throws Failure.
-  _FS_FILE_V2 Describe(const RemoteItem& item) const;
+  Item Describe(const RemoteItem& item) const;
 
   /// The folder that new things go to unless another is named: the user's own drive.
   RemoteItem OwnDrive() const;
@@ -50,8 +50,9 @@ class RemoteDrive {
 
  private:
   RemoteItem Top() const;
+  Lister Lists() const;
 
-  Session& session_;
+  const ItemClient& items_;
 };
 
 }  // namespace host

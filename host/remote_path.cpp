@@ -28,15 +28,15 @@ std::string JoinRemotePath(const std::string& folder, const std::string& name) {
   return folder.ends_with('/') ? folder + name : folder + "/" + name;
 }
 
-const _FS_FILE_V2* FindEntry(const std::vector<_FS_FILE_V2>& entries, const std::string& name) {
-  const auto find = [&entries](auto matches) -> const _FS_FILE_V2* {
+const Item* FindEntry(const std::vector<Item>& entries, const std::string& name) {
+  const auto find = [&entries](auto matches) -> const Item* {
     const auto found = std::find_if(entries.begin(), entries.end(), matches);
     return found == entries.end() ? nullptr : &*found;
   };
-  const auto* exact = find([&name](const _FS_FILE_V2& entry) { return entry.filename == name; });
+  const auto* exact = find([&name](const Item& entry) { return entry.name == name; });
   if (exact != nullptr) return exact;
-  return find([folded = base::FoldCase(name)](const _FS_FILE_V2& entry) {
-    return base::FoldCase(entry.filename) == folded;
+  return find([folded = base::FoldCase(name)](const Item& entry) {
+    return base::FoldCase(entry.name) == folded;
   });
 }
 
@@ -44,43 +44,43 @@ RemoteItem ResolvePath(const RemoteItem& top, const std::vector<std::string>& na
                        const Lister& list) {
   RemoteItem item = top;
   for (const std::string& name : names) {
-    if (!IsFolder(item.record)) {
+    if (!item.item.folder) {
       throw Failure(FailureKind::kNotFound,
                     Quoted(item.path) + " is a file, so it holds no " + Quoted(name));
     }
-    const std::vector<_FS_FILE_V2> entries = list(item.record.id, item.path);
-    const _FS_FILE_V2* entry = FindEntry(entries, name);
+    const std::vector<Item> entries = list(item);
+    const Item* entry = FindEntry(entries, name);
     if (entry == nullptr) {
       throw Failure(FailureKind::kNotFound,
                     "there is no " + Quoted(name) + " in " + Quoted(item.path));
     }
-    item = {JoinRemotePath(item.path, entry->filename), item.record.id, *entry};
+    item = {JoinRemotePath(item.path, entry->name), item.item.id, *entry};
   }
   return item;
 }
 
-void SortByName(std::vector<_FS_FILE_V2>& entries) {
-  std::vector<std::pair<std::string, _FS_FILE_V2>> keyed;
+void SortByName(std::vector<Item>& entries) {
+  std::vector<std::pair<std::string, Item>> keyed;
   keyed.reserve(entries.size());
-  for (_FS_FILE_V2& entry : entries) {
-    std::string folded = base::FoldCase(entry.filename);
+  for (Item& entry : entries) {
+    std::string folded = base::FoldCase(entry.name);
     keyed.emplace_back(std::move(folded), std::move(entry));
   }
   std::sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) {
-    return std::tie(a.first, a.second.filename) < std::tie(b.first, b.second.filename);
+    return std::tie(a.first, a.second.name) < std::tie(b.first, b.second.name);
   });
   std::transform(keyed.begin(), keyed.end(), entries.begin(),
                  [](auto& pair) { return std::move(pair.second); });
 }
 
 void CheckWritable(const RemoteItem& folder) {
-  if ((folder.record.attr & kSynthesisedBit) == 0) return;
+  if (!folder.item.made_up) return;
   throw Failure(FailureKind::kFailed, "nothing can be added to " + Quoted(folder.path),
                 "choose a folder in '/My Drive'");
 }
 
 void CheckChangeable(const RemoteItem& item) {
-  if ((item.record.attr & kSynthesisedBit) == 0 && item.record.id != kDriveId) return;
+  if (!item.item.made_up && item.item.id != kDriveId) return;
   throw Failure(FailureKind::kFailed, Quoted(item.path) + " cannot be changed",
                 "choose an item inside it");
 }

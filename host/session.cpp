@@ -24,7 +24,8 @@ Session::Session(const SessionContext& context, const SessionOptions& options)
 
 void Session::SetOptions(const SessionOptions& options) const {
   const auto set = [this](const char* key, const std::string& value) {
-    Check(protocol_->SetOpt(key, value.c_str()), std::string("setting the option ") + key);
+    Call(std::string("setting the option ") + key,
+         [&](IProtocol_V2& protocol) { return protocol.SetOpt(key, value.c_str()); });
   };
   set("option_fields", OptionFields(options.proxy, options.show_shared));
   if (options.speed_limit > 0) set("speedlimit", std::to_string(options.speed_limit));
@@ -62,7 +63,9 @@ void Session::Connect() const {
                 refused ? "run 'onedrive4b login' again" : "");
 }
 
-void Session::Check(AERROR result, const std::string& action) const {
+void Session::Call(const std::string& action,
+                   const std::function<AERROR(IProtocol_V2&)>& operation) const {
+  const AERROR result = operation(*protocol_);
   if (result != SUCCESS) throw Describe(result, action);
   context_.log.TakeLastError();  // of a repeated request, or of nothing that matters
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -38,12 +39,10 @@ class Session {
   /// Binds, sets the options and signs in. Throws a kSignIn Failure.
   Session(const SessionContext& context, const SessionOptions& options);
 
-  IProtocol_V2& protocol() const noexcept { return *protocol_; }
-
-  /// Throws a Failure that says `action` failed, with the result's name and what the module logged
-  /// about it on this thread, unless `result` is SUCCESS.
-  void Check(AERROR result, const std::string& action) const;
-  Failure Describe(AERROR result, const std::string& action) const;
+  /// Runs `operation` with the protocol object. Throws a Failure that says that `action` failed,
+  /// with the result's name and what the module logged about it on this thread, unless the result
+  /// is SUCCESS.
+  void Call(const std::string& action, const std::function<AERROR(IProtocol_V2&)>& operation) const;
 
  private:
   class LoggerBinding {
@@ -60,6 +59,7 @@ class Session {
     void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
   };
 
+  Failure Describe(AERROR result, const std::string& action) const;
   void SetOptions(const SessionOptions& options) const;
   void Connect() const;
 

@@ -64,12 +64,12 @@ fs::path LocalPlace(const std::string& local, const std::string& name) {
 void DownloadFolder(const TransferContext& context, const RemoteItem& folder,
                     const fs::path& target, Batch& batch) {
   MakeLocalFolder(target);
-  for (const _FS_FILE_V2& entry : context.drive.List(folder.record.id, folder.path)) {
+  for (const Item& entry : context.drive.List(folder)) {
     batch.Try([&] {
-      CheckLocalName(entry.filename);
-      const RemoteItem item{JoinRemotePath(folder.path, entry.filename), folder.record.id, entry};
-      const fs::path place = target / entry.filename;
-      if (IsFolder(entry)) {
+      CheckLocalName(entry.name);
+      const RemoteItem item{JoinRemotePath(folder.path, entry.name), folder.item.id, entry};
+      const fs::path place = target / entry.name;
+      if (entry.folder) {
         DownloadFolder(context, item, place, batch);
       } else {
         Download(context, item, place);
@@ -93,19 +93,19 @@ std::vector<fs::path> LocalEntries(const fs::path& folder) {
 
 /// The folder `name` in `parent`, made if it is missing.
 RemoteItem EnsureFolder(const TransferContext& context, const RemoteItem& parent,
-                        const std::string& name, const std::vector<_FS_FILE_V2>& entries) {
-  const _FS_FILE_V2* entry = FindEntry(entries, name);
+                        const std::string& name, const std::vector<Item>& entries) {
+  const Item* entry = FindEntry(entries, name);
   if (entry == nullptr) return context.drive.MakeFolder(parent, name);
-  RemoteItem item{JoinRemotePath(parent.path, entry->filename), parent.record.id, *entry};
-  if (!IsFolder(item.record)) {
+  RemoteItem item{JoinRemotePath(parent.path, entry->name), parent.item.id, *entry};
+  if (!item.item.folder) {
     throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a file, not a folder");
   }
   return item;
 }
 
 void UploadInto(const TransferContext& context, const fs::path& file, const RemoteItem& folder,
-                const std::string& name, const _FS_FILE_V2* existing) {
-  if (existing != nullptr && IsFolder(*existing)) {
+                const std::string& name, const Item* existing) {
+  if (existing != nullptr && existing->folder) {
     throw Failure(FailureKind::kFailed,
                   Quoted(JoinRemotePath(folder.path, name)) + " is a folder, not a file");
   }
@@ -114,7 +114,7 @@ void UploadInto(const TransferContext& context, const fs::path& file, const Remo
 
 void UploadFolder(const TransferContext& context, const fs::path& source, const RemoteItem& folder,
                   Batch& batch) {
-  const std::vector<_FS_FILE_V2> known = context.drive.List(folder.record.id, folder.path);
+  const std::vector<Item> known = context.drive.List(folder);
   for (const fs::path& entry : LocalEntries(source)) {
     batch.Try([&] {
       const std::string name = entry.filename().string();
@@ -150,7 +150,7 @@ RemotePlace UploadPlace(const TransferContext& context, const std::string& targe
   const RemoteDrive& drive = context.drive;
   if (target.empty()) return drive.Inside(drive.OwnDrive(), local_name);
   RemotePlace place = drive.Locate(target);
-  if (!place.item || !IsFolder(place.item->record)) return place;
+  if (!place.item || !place.item->item.folder) return place;
   return drive.Inside(*place.item, local_name);
 }
 
@@ -166,8 +166,8 @@ void CheckLocalName(const std::string& name) {
 
 void Get(const TransferContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
-  const fs::path place = LocalPlace(context.options.local, item.record.filename);
-  if (!IsFolder(item.record)) {
+  const fs::path place = LocalPlace(context.options.local, item.item.name);
+  if (!item.item.folder) {
     if (context.options.local.ends_with('/') && !IsLocalFolder(context.options.local)) {
       throw LocalFailure("write to the folder", context.options.local, ENOENT);
     }
@@ -184,8 +184,7 @@ void Get(const TransferContext& context) {
 
 void Cat(const TransferContext& context) {
   const RemoteItem item = context.drive.Find(context.options.remote);
-  if (IsFolder(item.record))
-    throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a folder");
+  if (item.item.folder) throw Failure(FailureKind::kFailed, Quoted(item.path) + " is a folder");
   Print(context, item);
 }
 
@@ -197,9 +196,9 @@ void Put(const TransferContext& context) {
                   "upload all it holds with -r");
   }
   const RemotePlace place = UploadPlace(context, context.options.target, LocalName(local));
-  const _FS_FILE_V2* existing = place.item ? &place.item->record : nullptr;
+  const Item* existing = place.item ? &place.item->item : nullptr;
   if (!folder) return UploadInto(context, local, place.folder, place.name, existing);
-  std::vector<_FS_FILE_V2> known;
+  std::vector<Item> known;
   if (existing != nullptr) known.push_back(*existing);
   Batch batch;
   UploadFolder(context, local, EnsureFolder(context, place.folder, place.name, known), batch);

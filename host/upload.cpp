@@ -23,17 +23,18 @@ void UploadFile(const TransferContext& context, const std::filesystem::path& fil
   const auto handle = std::make_shared<_FS_HANDLE>();
   handle->progress = &ShowProgress;
   handle->progressctx = &progress;
-  _FS_FILE_V2 record;
-  record.filename = name;
-  record.size = source.size();
   const Interrupts::Scope scope(context.interrupts);
   const Cancellation::Transfers transfers(context.interrupts.cancellation(), {handle});
-  const AERROR result = context.drive.protocol().Upload(folder.record.id.c_str(), handle, &source,
-                                                        &record, UPLOAD_FLAG{}, nullptr);
+  const NewPlace place{folder.item.id, name, JoinRemotePath(folder.path, name)};
+  try {
+    context.drive.items().Upload({place, source.size(), handle}, source, file.string());
+  } catch (const Failure&) {
+    context.interrupts.cancellation().Check();
+    source.Check();
+    throw;
+  }
   context.interrupts.cancellation().Check();
   source.Check();
-  context.drive.session().Check(result, "uploading " + Quoted(file.string()) + " to " +
-                                            Quoted(JoinRemotePath(folder.path, name)));
   progress.Finish();
 }
 

@@ -359,25 +359,28 @@ TEST(ServiceError, IsReadFromTheLinesOfTheOperation) {
   }
 }
 
-_FS_FILE_V2 Record(const std::string& id, const std::string& name, std::uint32_t attr) {
-  _FS_FILE_V2 record;
-  record.id = id;
-  record.filename = name;
-  record.attr = attr;
-  return record;
+Item Named(const std::string& id, const std::string& name, bool folder) {
+  Item item;
+  item.id = id;
+  item.name = name;
+  item.folder = folder;
+  return item;
 }
 
 TEST(RemotePath, FindsByExactNameThenWithoutCase) {
-  const Lister list = [](const std::string& id, const std::string&) -> std::vector<_FS_FILE_V2> {
-    if (id == "top") return {Record("1", "docs", 2), Record("2", "Docs", 2), Record("3", "F", 1)};
-    return {Record(id + "a", "ÜBER.txt", 1)};
+  const Lister list = [](const RemoteItem& folder) -> std::vector<Item> {
+    const std::string& id = folder.item.id;
+    if (id == "top") {
+      return {Named("1", "docs", true), Named("2", "Docs", true), Named("3", "F", false)};
+    }
+    return {Named(id + "a", "ÜBER.txt", false)};
   };
   const auto find = [&](const std::string& path) {
-    return ResolvePath({"/", "", Record("top", "", 2)}, SplitRemotePath(path), list);
+    return ResolvePath({"/", "", Named("top", "", true)}, SplitRemotePath(path), list);
   };
   const std::pair<const char*, const char*> cases[] = {
       {"/", "top"}, {"/Docs", "2"}, {"DOCS/", "1"}, {"//docs/./über.TXT", "1a"}, {"x/../F", "3"}};
-  for (const auto& [path, id] : cases) EXPECT_EQ(find(path).record.id, id) << path;
+  for (const auto& [path, id] : cases) EXPECT_EQ(find(path).item.id, id) << path;
   EXPECT_EQ(find("docs/über.txt").path, "/docs/ÜBER.txt");
   EXPECT_EQ(find("docs/über.txt").parent_id, "1");
   for (const char* path : {"/nope/x", "/F/x", "/docs/nope"}) {

@@ -1,0 +1,31 @@
+// Item: what is known of one file or folder of the drive. Plain values, free of the module's
+// memory.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "onedrive4b/records.h"
+
+namespace host {
+
+/// Id of the user's own drive, which the module shows as "My Drive" or as the top.
+inline constexpr const char* kDriveId = "root";
+
+struct Item {
+  std::string id;    ///< the module's name of the item; opaque
+  std::string name;  ///< as the service writes it; UTF-8 unless the service is broken
+  bool folder = false;
+  bool made_up = false;   ///< a folder of the module's own: nothing can be added to it
+  std::int64_t size = 0;  ///< bytes; 0 for folders
+  std::string created;    ///< RFC 3339
+  std::string modified;   ///< RFC 3339
+  std::string etag;       ///< changes with every change of the item; empty when it is not known
+};
+
+Item ToItem(const _FS_FILE_V1& record);
+
+/// What the module's operations read of an item.
+_FS_FILE_V2 ToRecord(const Item& item);
+
+}  // namespace host

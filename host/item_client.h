@@ -1,0 +1,84 @@
+// ItemClient: the drive of a session by ids. What goes wrong is a Failure that says what was done
+// to which item; `shown` is how messages name the item, a path mostly.
+//
+// Threads: every operation may be called from several threads at once. Callbacks of a transfer run
+// on its caller's thread.
+// Lifetime: the session must outlive it. What it returns holds nothing of the module's.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/item.h"
+#include "host/session.h"
+
+namespace host {
+
+struct Space {
+  std::uint64_t total = 0;  ///< bytes
+  std::uint64_t used = 0;
+};
+
+/// A part of a file that is to be read.
+struct ReadRequest {
+  std::string id;
+  std::int64_t offset = 0;
+  std::int64_t length = 0;
+  std::shared_ptr<_FS_HANDLE> handle;  ///< ends the transfer when its state is raised
+};
+
+/// Where an item is to be.
+struct NewPlace {
+  std::string folder_id;
+  std::string name;
+  std::string shown;
+};
+
+/// A file that is to be written.
+struct UploadRequest {
+  NewPlace place;
+  std::int64_t size = 0;
+  std::shared_ptr<_FS_HANDLE> handle;  ///< as for ReadRequest
+};
+
+class ItemClient {
+ public:
+  explicit ItemClient(Session& session) : session_(session) {}
+
+  std::string UserName() const;
+  Space DriveSpace() const;
+
+  /// The folder that is shown as the drive's top. Its name is empty.
+  Item Top() const;
+
+  std::vector<Item> List(const std::string& id, const std::string& shown) const;
+
+  /// What the service says of the item now.
+  Item Describe(const std::string& id, const std::string& shown) const;
+
+  Item MakeFolder(const NewPlace& place) const;
+
+  /// Refused, as Move is, when the item's tag is known and no longer the service's.
+  Item Rename(const Item& item, const std::string& name, const std::string& shown) const;
+
+  /// Puts the item into another folder, under its old name or a new one.
+  Item Move(const Item& item, const NewPlace& place, const std::string& shown) const;
+
+  /// Deletes the item as it is now, a folder with all it holds.
+  void Delete(const Item& item, const std::string& shown) const;
+
+  /// Pieces come in order; after a repeated request they start again at the first byte. Fewer bytes
+  /// than asked for mean the end of the file.
+  void Read(const ReadRequest& request, IFetchCallback& to, const std::string& shown) const;
+
+  /// Makes the file, or gives the file of this name a new version. Reads `from` again from its
+  /// start when a request is repeated. `shown`: where the content comes from.
+  Item Upload(const UploadRequest& request, ICacheIO& from, const std::string& shown) const;
+
+ private:
+  Session& session_;
+};
+
+}  // namespace host
