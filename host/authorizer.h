@@ -9,7 +9,7 @@
 #include <string>
 
 #include "host/http_client.h"
-#include "host/log_writer.h"
+#include "host/log.h"
 #include "host/profile.h"
 #include "host/redaction.h"
 #include "host/settings.h"
@@ -22,7 +22,7 @@ struct AuthorizerContext {
   const ServiceSettings& settings;
   const HttpClient& http;
   Profile& profile;
-  LogWriter& log;
+  Log& log;
   Redactor& redactor;
 };
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <variant>
 
-#include "host/log_writer.h"
 #include "host/settings.h"
+#include "host/terminal_log.h"
 
 namespace host {
 

@@ -9,7 +9,7 @@
 
 #include "host/cancellation.h"
 #include "host/http_client.h"
-#include "host/log_writer.h"
+#include "host/log.h"
 #include "host/redaction.h"
 #include "host/settings.h"
 
@@ -19,7 +19,7 @@ struct DeviceLoginContext {
   const ServiceSettings& settings;
   const HttpClient& http;
   Cancellation& cancellation;
-  LogWriter& log;
+  Log& log;
   Redactor& redactor;
 };
 

@@ -18,7 +18,7 @@
 #include "host/http_client.h"
 #include "host/interrupts.h"
 #include "host/local_files.h"
-#include "host/log_writer.h"
+#include "host/log.h"
 #include "host/module_library.h"
 #include "host/output.h"
 #include "host/profile.h"
@@ -26,6 +26,7 @@
 #include "host/remote_drive.h"
 #include "host/report.h"
 #include "host/session.h"
+#include "host/terminal_log.h"
 #include "host/text.h"
 #include "host/transfer_commands.h"
 #include "host/value_store.h"
@@ -69,7 +70,8 @@ class Program {
 
   Options options_;
   Redactor redactor_;
-  LogWriter log_;
+  TerminalLog sink_;
+  Log log_;
   ValueStore store_;
   Profile profile_;
   std::unique_ptr<EmulatedService> emulated_;
@@ -77,7 +79,8 @@ class Program {
 
 Program::Program(Options options)
     : options_(std::move(options)),
-      log_(options_.log, redactor_),
+      sink_(options_.log),
+      log_(sink_, redactor_),
       store_(options_.emulator || (!options_.service_file.empty() && !options_.profile)
                  ? std::filesystem::path()
                  : ProfileFile(options_.profile.value_or("default"))),

@@ -4,8 +4,7 @@
 #include "host/service_error.h"
 
 namespace host {
-Session::LoggerBinding::LoggerBinding(const ModuleLibrary& module, LogWriter& log)
-    : module_(module) {
+Session::LoggerBinding::LoggerBinding(const ModuleLibrary& module, Log& log) : module_(module) {
   module_.bind_logger(&log);
 }
 
@@ -40,12 +39,13 @@ void Session::Connect() const {
   Json::Value credential(Json::objectValue);
   credential["args"] = Json::Value(Json::objectValue);
   credential["results"] = Json::Value(Json::objectValue);
+  const ErrorLines errors;
   const AERROR result =
       protocol_->Connect(&context_.authorizer, base::CompactJson(credential).c_str());
   if (result == SUCCESS) return;
   const std::string reason = context_.authorizer.LastError();
   if (reason.empty()) {
-    const Failure failure = Describe(result, "signing in");
+    const Failure failure = Describe(result, "signing in", errors);
     // Advice for a missing or changed item would mislead here.
     const bool helps = failure.kind() != FailureKind::kNotFound;
     throw Failure(FailureKind::kSignIn, failure.what(), helps ? failure.advice() : "");
@@ -65,15 +65,14 @@ void Session::Connect() const {
 
 void Session::Call(const std::string& action,
                    const std::function<AERROR(IProtocol_V2&)>& operation) const {
+  const ErrorLines errors;
   const AERROR result = operation(*protocol_);
-  if (result != SUCCESS) throw Describe(result, action);
-  context_.log.TakeLastError();  // of a repeated request, or of nothing that matters
+  if (result != SUCCESS) throw Describe(result, action, errors);
 }
 
-Failure Session::Describe(AERROR result, const std::string& action) const {
-  const std::string line = context_.log.TakeLastError();
-  const ServiceError error =
-      ReadServiceError(line.empty() ? std::vector<std::string>() : std::vector{line});
+Failure Session::Describe(AERROR result, const std::string& action,
+                          const ErrorLines& errors) const {
+  const ServiceError error = ReadServiceError(errors.lines());
   std::string what = action + " failed: " + context_.module.error_name(result) + " (" +
                      std::to_string(static_cast<int>(result)) + ")";
   if (!error.line.empty()) what += ", " + error.line;

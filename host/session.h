@@ -13,7 +13,7 @@
 
 #include "host/authorizer.h"
 #include "host/failure.h"
-#include "host/log_writer.h"
+#include "host/log.h"
 #include "host/module_library.h"
 #include "host/profile.h"
 #include "host/settings.h"
@@ -24,7 +24,7 @@ struct SessionContext {
   const ModuleLibrary& module;
   Profile& profile;
   Authorizer& authorizer;
-  LogWriter& log;
+  Log& log;
 };
 
 struct SessionOptions {
@@ -47,7 +47,7 @@ class Session {
  private:
   class LoggerBinding {
    public:
-    LoggerBinding(const ModuleLibrary& module, LogWriter& log);
+    LoggerBinding(const ModuleLibrary& module, Log& log);
     ~LoggerBinding();
     LoggerBinding(const LoggerBinding&) = delete;
     LoggerBinding& operator=(const LoggerBinding&) = delete;
@@ -59,7 +59,7 @@ class Session {
     void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
   };
 
-  Failure Describe(AERROR result, const std::string& action) const;
+  Failure Describe(AERROR result, const std::string& action, const ErrorLines& errors) const;
   void SetOptions(const SessionOptions& options) const;
   void Connect() const;
 

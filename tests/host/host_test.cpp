@@ -21,6 +21,7 @@
 #include "host/remote_path.h"
 #include "host/service_error.h"
 #include "host/session.h"
+#include "host/terminal_log.h"
 #include "host/text.h"
 #include "host/transfer_commands.h"
 #include "host/upload_source.h"
@@ -195,7 +196,8 @@ class AuthorizerTest : public HostTest {
   ServiceSettings settings_;
   HttpClient http_{HttpSettings{}};
   Redactor redactor_;
-  LogWriter log_{LogOptions{}, redactor_};
+  TerminalLog sink_{LogOptions{}};
+  Log log_{sink_, redactor_};
 };
 
 TEST_F(AuthorizerTest, NewestTokenWinsOverTheOneTheModuleGivesBack) {

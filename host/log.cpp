@@ -1,0 +1,38 @@
+#include "host/log.h"
+
+#include "host/text.h"
+
+namespace host {
+namespace {
+
+constexpr std::size_t kMostErrorLines = 20;
+
+thread_local ErrorLines* collector = nullptr;
+
+}  // namespace
+
+ErrorLines::ErrorLines() noexcept : outer_(collector) { collector = this; }
+
+ErrorLines::~ErrorLines() { collector = outer_; }
+
+void Log::Write(LOGLEVEL level, const char* format, std::va_list arguments) {
+  if (format == nullptr || (level != LOGLEVEL_ERROR && !sink_.Wants(level))) return;
+  Line(level, FormattedV(format, arguments));
+}
+
+void Log::Line(LOGLEVEL level, std::string_view text) {
+  const bool collected = level == LOGLEVEL_ERROR && collector != nullptr;
+  const bool wanted = sink_.Wants(level);
+  if (!collected && !wanted) return;
+  const std::string line = EscapeForTerminal(redactor_.Redact(text));
+  if (collected) {
+    auto& lines = collector->lines_;
+    if (lines.size() == kMostErrorLines) lines.erase(lines.begin());
+    lines.push_back(line);
+  }
+  if (wanted) sink_.Write(level, line);
+}
+
+void Log::Warn(std::string_view text) { sink_.Warn(redactor_.Redact(text)); }
+
+}  // namespace host

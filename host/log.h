@@ -1,0 +1,68 @@
+// Log: the logger that the module is bound to, and the place for the host's own lines. It takes
+// secrets out and hands each line to a sink, which decides where lines go.
+//
+// Threads: every operation may be called from any thread.
+// Lifetime: must outlive the module's binding to it; redactor and sink must outlive it.
+#pragma once
+
+#include <cstdarg>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/redaction.h"
+#include "onedrive4b/interfaces.h"
+
+namespace host {
+
+/// Where lines go. Called from several threads at once, with texts that hold no secret and nothing
+/// that a terminal would obey.
+class LogSink {
+ public:
+  virtual ~LogSink() = default;
+
+  /// Whether lines of this level are wanted; others are not even formatted.
+  virtual bool Wants(LOGLEVEL level) = 0;
+  virtual void Write(LOGLEVEL level, std::string_view line) = 0;
+  /// Something that the person should know, whatever the levels that are wanted.
+  virtual void Warn(std::string_view text) = 0;
+};
+
+/// Collects the error lines that the calling thread logs while it exists: the module's operations
+/// report a bare number, and this is where the reason stands. The newest object of a thread gets
+/// the lines.
+class ErrorLines {
+ public:
+  ErrorLines() noexcept;
+  ~ErrorLines();
+  ErrorLines(const ErrorLines&) = delete;
+  ErrorLines& operator=(const ErrorLines&) = delete;
+
+  /// Oldest first. Only the newest ones of a long operation.
+  const std::vector<std::string>& lines() const noexcept { return lines_; }
+
+ private:
+  friend class Log;
+  ErrorLines* const outer_;
+  std::vector<std::string> lines_;
+};
+
+class Log final : public ILog {
+ public:
+  Log(LogSink& sink, const Redactor& redactor) : sink_(sink), redactor_(redactor) {}
+
+  void HostReserved() override {}
+  bool IsDetailed() override { return sink_.Wants(LOGLEVEL_DETAIL); }
+  void Write(LOGLEVEL level, const char* format, std::va_list arguments) override;
+
+  /// A finished line of the host's own.
+  void Line(LOGLEVEL level, std::string_view text);
+
+  void Warn(std::string_view text);
+
+ private:
+  LogSink& sink_;
+  const Redactor& redactor_;
+};
+
+}  // namespace host
