@@ -1,5 +1,5 @@
 # The component "tools". See install.cmake.
-install(TARGETS onedrive4b_host RUNTIME DESTINATION ${private_dir}/bin COMPONENT tools)
+install(TARGETS onedrive4b_cli RUNTIME DESTINATION ${private_dir}/bin COMPONENT tools)
 install(TARGETS onedrive4b-emulator
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 file(RELATIVE_PATH program_from_bin

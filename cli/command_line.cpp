@@ -1,0 +1,213 @@
+#include "cli/command_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include "cli/report.h"
+#include "host/failure.h"
+#include "host/profile.h"
+#include "host/text.h"
+
+namespace cli {
+namespace {
+
+constexpr const char* kFooter = R"(
+Remote paths begin at the drive's top, which holds "My Drive" and "Shared with me"
+(with --no-shared: the drive's own content). Names are found as spelled, else without
+regard to case, as the service compares them.
+
+Exit codes:
+  0    done
+  1    the service or the module refused or failed the operation
+  2    the command line makes no sense
+  3    the module could not be loaded
+  4    not signed in, or the sign-in failed
+  5    a remote path does not exist
+  6    a local file or the output could not be read or written
+  7    the proxy cannot be reached, or refuses
+  130  ended by Ctrl-C or SIGTERM
+
+Try it without an account:
+  onedrive4b --emulator tree)";
+
+/// Texts that are turned into values once all of the line is known.
+struct RawOptions {
+  std::string proxy;
+  bool proxy_no_tunnel = false;
+  std::string authority;
+  std::string rate_limit;
+};
+
+std::string CheckRate(std::string& text) {
+  return host::ParseSize(text) ? "" : "must be bytes per second, such as 500k or 2M";
+}
+
+std::string CheckProfile(std::string& name) {
+  return host::IsProfileName(name) ? "" : "use letters, digits, '.', '_' and '-'";
+}
+
+void AddConnectionOptions(CLI::App& app, Options& options, RawOptions& raw) {
+  const auto add = [&](const char* name, std::string& value, const char* type, const char* help) {
+    return app.add_option(name, value, help)->type_name(type)->group("Connection");
+  };
+  const auto flag = [&](const char* name, bool& value, const char* help) {
+    return app.add_flag(name, value, help)->group("Connection");
+  };
+  CLI::Option* emulator = flag("--emulator", options.emulator,
+                               "Use a demo drive inside this program; needs no account");
+  app.add_option("--profile", options.profile, "Where the sign-in is kept (default: default)")
+      ->type_name("NAME")
+      ->check(CLI::Validator(CheckProfile, ""))
+      ->group("Connection");
+  add("--service-file", options.service_file, "FILE",
+      "Use the running service that wrote this ready file; kept in memory unless --profile is "
+      "given")
+      ->excludes(emulator);
+  add("--refresh-token-file", options.refresh_token_file, "FILE",
+      "Sign in with the refresh token in this file (- is standard input) and keep it in the "
+      "profile")
+      ->excludes(emulator);
+  add("--client-id", options.service.client_id, "ID", "The application's id at the authority");
+  CLI::Option* authority =
+      add("--authority", raw.authority, "URL", "Base address of the authority that issues tokens");
+  add("--token-url", options.service.token_url, "URL", "Token address of the authority")
+      ->excludes(authority);
+  add("--discovery-url", options.service.discovery_url, "URL", "Address of the discovery document");
+  add("--discovery-resource", options.service.discovery_resource, "URL",
+      "Resource that discovery tokens are for");
+  CLI::Option* endpoint = add("--service-endpoint", options.service.service_endpoint, "URL",
+                              "Address of the drive's service: no discovery takes place");
+  CLI::Option* resource = add("--service-resource", options.service.service_resource, "URL",
+                              "Resource that the drive's tokens are for");
+  endpoint->needs(resource);
+  resource->needs(endpoint);
+  CLI::Option* proxy =
+      add("--proxy", raw.proxy, "URL", "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT]");
+  flag("--proxy-no-tunnel", raw.proxy_no_tunnel,
+       "Give requests to the http proxy itself instead of tunnelling through it")
+      ->needs(proxy);
+  flag("--no-shared", options.hide_shared, "Hide \"Shared with me\"");
+  add("--module", options.module, "FILE", "The protocol module (default: beside the program)");
+}
+
+void AddDiagnosticOptions(CLI::App& app, Options& options) {
+  app.add_flag("-q,--quiet", options.quiet, "Show no progress")->group("Diagnostics");
+  app.add_flag("-v", options.log.verbosity, "Log to standard error; -vv adds details")
+      ->group("Diagnostics");
+  app.add_option("--trace", options.log.trace_file,
+                 "Write all log lines, without secrets, to this file")
+      ->type_name("FILE")
+      ->group("Diagnostics");
+}
+
+/// A subcommand that sets `options.command`.
+CLI::App* AddCommand(CLI::App& app, Options& options, Command command, const char* name,
+                     const char* help) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  sub->callback([&options, command] { options.command = command; });
+  sub->fallthrough();
+  return sub;
+}
+
+void AddBrowseCommands(CLI::App& app, Options& options) {
+  const auto add = [&](Command command, const char* name, const char* help) {
+    CLI::App* sub = AddCommand(app, options, command, name, help);
+    sub->add_flag("--json", options.json, "Write JSON");
+    return sub;
+  };
+  const auto bytes = [&](CLI::App* sub) {
+    sub->add_flag("--bytes", options.bytes, "Sizes in bytes");
+  };
+  add(Command::kWhoAmI, "whoami", "Show who is signed in");
+  bytes(add(Command::kDf, "df", "Show the drive's space"));
+  CLI::App* ls = add(Command::kLs, "ls", "List a folder");
+  ls->add_option("path", options.remote, "Remote path (default: /)");
+  ls->add_flag("-l", options.long_format, "Show size and time of change (UTC)");
+  ls->add_flag("-R", options.recursive, "List subfolders too");
+  bytes(ls);
+  CLI::App* tree = add(Command::kTree, "tree", "Show a folder as a tree");
+  tree->add_option("path", options.remote, "Remote path (default: /)");
+  tree->add_option("-L", options.depth, "Levels to show")->check(CLI::Range(1, 1000));
+  CLI::App* stat = add(Command::kStat, "stat", "Show all that is known of an item");
+  stat->add_option("path", options.remote, "Remote path")->required();
+}
+
+void AddRateOption(CLI::App* sub, RawOptions& raw) {
+  sub->add_option("--limit-rate", raw.rate_limit, "Bytes per second at most, such as 500k or 2M")
+      ->check(CLI::Validator(CheckRate, "RATE"));
+}
+
+void AddTransferCommands(CLI::App& app, Options& options, RawOptions& raw) {
+  CLI::App* get = AddCommand(app, options, Command::kGet, "get", "Download a file or a folder");
+  get->add_option("remote", options.remote, "Remote path")->required();
+  get->add_option("local", options.local, "Local file or folder (default: here)");
+  get->add_flag("-r,--recursive", options.recursive, "Download a folder with all it holds");
+  get->add_option("--parallel", options.parallel, "Parts of a file to fetch at once")
+      ->check(CLI::Range(1, 16));
+  AddRateOption(get, raw);
+  CLI::App* cat = AddCommand(app, options, Command::kCat, "cat", "Write a file to standard output");
+  cat->add_option("path", options.remote, "Remote path")->required();
+  cat->add_option("--offset", options.offset, "First byte to write (default: 0)")
+      ->check(CLI::NonNegativeNumber);
+  cat->add_option("--length", options.length, "Most bytes to write (default: all that follow)")
+      ->check(CLI::NonNegativeNumber);
+  AddRateOption(cat, raw);
+  CLI::App* put = AddCommand(app, options, Command::kPut, "put", "Upload a file or a folder");
+  put->add_option("local", options.local, "Local path")->required();
+  put->add_option("remote", options.target,
+                  "Remote folder, or the path to give it (default: the user's own drive)");
+  put->add_flag("-r,--recursive", options.recursive, "Upload a folder with all it holds");
+  AddRateOption(put, raw);
+}
+
+void AddChangeCommands(CLI::App& app, Options& options) {
+  CLI::App* mkdir = AddCommand(app, options, Command::kMkdir, "mkdir", "Make a folder");
+  mkdir->add_option("path", options.remote, "Remote path")->required();
+  mkdir->add_flag("-p,--parents", options.parents,
+                  "Make missing folders above it; no error if it exists");
+  CLI::App* mv = AddCommand(app, options, Command::kMv, "mv", "Rename or move an item");
+  mv->add_option("source", options.remote, "Remote path")->required();
+  mv->add_option("target", options.target, "Remote folder to move it to, or its new path")
+      ->required();
+  CLI::App* rm = AddCommand(app, options, Command::kRm, "rm", "Delete an item");
+  rm->add_option("path", options.remote, "Remote path")->required();
+  rm->add_flag("-r,--recursive", options.recursive, "Delete a folder with all it holds");
+}
+
+void AddAccountCommands(CLI::App& app, Options& options) {
+  AddCommand(app, options, Command::kLogin, "login",
+             "Sign in with a browser, on this or another device");
+  AddCommand(app, options, Command::kLogout, "logout", "Forget the sign-in of the profile");
+}
+
+/// Turns raw texts into values; throws Failure.
+void Finish(Options& options, const RawOptions& raw) {
+  if (!raw.proxy.empty()) options.proxy = host::ParseProxy(raw.proxy, !raw.proxy_no_tunnel);
+  if (!raw.authority.empty()) host::SetAuthority(options.service, raw.authority);
+  if (!raw.rate_limit.empty()) options.rate_limit = *host::ParseSize(raw.rate_limit);
+}
+
+}  // namespace
+
+std::variant<Options, int> ParseCommandLine(int argc, char** argv) {
+  CLI::App app("Use a drive of OneDrive for Business", "onedrive4b");
+  app.set_version_flag("--version", "onedrive4b " ONEDRIVE4B_VERSION);
+  app.footer(kFooter);
+  app.require_subcommand(1);
+  Options options;
+  RawOptions raw;
+  AddConnectionOptions(app, options, raw);
+  AddDiagnosticOptions(app, options);
+  AddBrowseCommands(app, options);
+  AddTransferCommands(app, options, raw);
+  AddChangeCommands(app, options);
+  AddAccountCommands(app, options);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::kUsage);
+  }
+  Finish(options, raw);
+  return options;
+}
+
+}  // namespace cli

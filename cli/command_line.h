@@ -1,0 +1,65 @@
+// The command line: every option of the program, its help text and its checks.
+//
+// Plain values; parsing is done once, before threads are started.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "cli/terminal_log.h"
+#include "host/settings.h"
+
+namespace cli {
+
+enum class Command {
+  kWhoAmI,
+  kDf,
+  kLs,
+  kTree,
+  kStat,
+  kGet,
+  kCat,
+  kPut,
+  kMkdir,
+  kMv,
+  kRm,
+  kLogin,
+  kLogout
+};
+
+struct Options {
+  Command command = Command::kWhoAmI;
+  std::string remote;  ///< the command's remote path (mv: the source)
+  std::string local;   ///< get, put: the local path, empty for the default
+  std::string target;  ///< mv: the target; put: the remote target, empty for the default
+
+  bool json = false;
+  bool long_format = false;
+  bool recursive = false;
+  bool bytes = false;    ///< sizes in plain bytes
+  bool parents = false;  ///< mkdir: make missing parents
+  bool quiet = false;
+  unsigned depth = 0;  ///< tree: levels to show, 0 for all
+  unsigned parallel = 1;
+  std::int64_t rate_limit = 0;         ///< bytes per second, 0 for none
+  std::int64_t offset = 0;             ///< cat: first byte to show
+  std::optional<std::int64_t> length;  ///< cat: most bytes to show
+
+  std::optional<std::string> profile;
+  host::ServiceSettings service;
+  host::ProxySettings proxy;
+  bool hide_shared = false;
+  bool emulator = false;
+  std::string service_file;
+  std::string refresh_token_file;
+  std::string module;
+  LogOptions log;
+};
+
+/// The options, or the exit code with which the program ends at once: help and version were
+/// printed, or what is wrong with the command line.
+std::variant<Options, int> ParseCommandLine(int argc, char** argv);
+
+}  // namespace cli

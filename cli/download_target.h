@@ -1,0 +1,84 @@
+// DownloadTarget and RangeReceiver: the local side of a download.
+//
+// The content grows under a temporary name in the target's folder and takes the target's place only
+// when it is whole; until then, and on any failure, the target is as it was.
+//
+// Threads: Write may be called from several threads at once; the rest by the owner. A RangeReceiver
+// belongs to the thread that runs its transfer.
+// Lifetime: a target that is destroyed before Commit removes its temporary file.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+#include "base/unique_fd.h"
+#include "cli/progress.h"
+#include "onedrive4b/interfaces.h"
+
+namespace cli {
+
+class DownloadTarget {
+ public:
+  /// Makes the temporary file and reserves `size` bytes for it. Throws a kLocal Failure: no such
+  /// folder, no room, something other than a file in the way.
+  DownloadTarget(const std::filesystem::path& target, std::int64_t size);
+  ~DownloadTarget();
+  DownloadTarget(const DownloadTarget&) = delete;
+  DownloadTarget& operator=(const DownloadTarget&) = delete;
+
+  const std::string& temporary_file() const noexcept { return temporary_file_; }
+
+  /// Writes all of `data` at `offset`. Returns 0 or the system's error number.
+  int Write(std::int64_t offset, std::string_view data) noexcept;
+
+  /// Flushes the content to the disk and puts it in the target's place. Throws a kLocal Failure.
+  void Commit();
+
+ private:
+  void CheckTarget();
+  void CreateTemporary();
+  void Reserve(std::int64_t size);
+
+  std::filesystem::path target_;
+  std::optional<mode_t> mode_;  ///< of the file that is to be replaced
+  std::string temporary_file_;  ///< empty once it is gone
+  base::UniqueFd fd_;
+};
+
+/// Takes the bytes of one range and sees to it that none is missing.
+class RangeReceiver final : public IFetchCallback {
+ public:
+  struct Range {
+    std::int64_t offset = 0;
+    std::int64_t length = 0;
+  };
+
+  /// Stops the transfer through `handle` when a piece cannot be taken.
+  RangeReceiver(DownloadTarget& target, const Range& range, std::shared_ptr<_FS_HANDLE> handle,
+                Progress& progress);
+
+  AERROR OnFetch(std::int64_t offset, const char* data, std::int64_t length, int reserved) override;
+
+  /// Throws what kept a piece from being taken, and a kFailed Failure when bytes are missing.
+  /// `finished`: the transfer claims to have succeeded.
+  void Check(bool finished) const;
+
+ private:
+  DownloadTarget& target_;
+  const Range range_;
+  const std::shared_ptr<_FS_HANDLE> handle_;
+  Progress& progress_;
+  std::int64_t reached_;   ///< end of what has come without a gap
+  std::int64_t reported_;  ///< furthest end that counted as progress
+  int error_ = 0;          ///< of the file system
+  bool out_of_order_ = false;
+};
+
+}  // namespace cli

@@ -1,0 +1,217 @@
+#include "cli/program.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include "cli/browse_commands.h"
+#include "cli/change_commands.h"
+#include "cli/command_line.h"
+#include "cli/emulated_service.h"
+#include "cli/interrupts.h"
+#include "cli/output.h"
+#include "cli/remote_drive.h"
+#include "cli/report.h"
+#include "cli/terminal_log.h"
+#include "cli/transfer_commands.h"
+#include "host/authorizer.h"
+#include "host/device_login.h"
+#include "host/failure.h"
+#include "host/http_client.h"
+#include "host/local_files.h"
+#include "host/log.h"
+#include "host/module_library.h"
+#include "host/profile.h"
+#include "host/redaction.h"
+#include "host/session.h"
+#include "host/text.h"
+#include "host/value_store.h"
+
+namespace cli {
+namespace {
+
+constexpr std::size_t kMostTokenBytes = 1 << 16;
+
+/// libcurl's own set-up, once for the program.
+class CurlLibrary {
+ public:
+  CurlLibrary() { curl_global_init(CURL_GLOBAL_DEFAULT); }
+  ~CurlLibrary() { curl_global_cleanup(); }
+  CurlLibrary(const CurlLibrary&) = delete;
+  CurlLibrary& operator=(const CurlLibrary&) = delete;
+};
+
+std::string ReadToken(const std::string& file) {
+  std::string token = host::ReadSmallFile(file, kMostTokenBytes);
+  while (!token.empty() && (token.back() == '\n' || token.back() == '\r' || token.back() == ' ')) {
+    token.pop_back();
+  }
+  if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
+    throw host::Failure(host::FailureKind::kUsage, "the refresh token file holds no single token");
+  }
+  return token;
+}
+
+/// One run of one command, its parts in the order in which they depend on each other.
+class Program {
+ public:
+  explicit Program(Options options);
+
+  void Run(Interrupts& interrupts);
+
+ private:
+  void ChooseService();
+  void LogIn(const host::HttpClient& http, Interrupts& interrupts);
+  void RunCommand(const TransferContext& context) const;
+
+  Options options_;
+  host::Redactor redactor_;
+  TerminalLog sink_;
+  host::Log log_;
+  host::ValueStore store_;
+  host::Profile profile_;
+  std::unique_ptr<EmulatedService> emulated_;
+};
+
+Program::Program(Options options)
+    : options_(std::move(options)),
+      sink_(options_.log),
+      log_(sink_, redactor_),
+      store_(options_.emulator || (!options_.service_file.empty() && !options_.profile)
+                 ? std::filesystem::path()
+                 : host::ProfileFile(options_.profile.value_or("default"))),
+      profile_(store_, options_.profile.value_or("default")) {
+  redactor_.AddSecret(options_.proxy.password);
+  if (!store_.warning().empty()) log_.Warn(store_.warning());
+}
+
+void Program::ChooseService() {
+  host::ServiceSettings& service = options_.service;
+  std::string token;
+  if (options_.emulator) {
+    emulated_ = std::make_unique<EmulatedService>();
+    host::FillMissing(service, emulated_->Settings());
+    token = emulated_->IssueRefreshToken();
+  } else if (!options_.service_file.empty()) {
+    host::ServiceFile file = host::ReadServiceFile(options_.service_file);
+    host::FillMissing(service, file.settings);
+    token = std::move(file.refresh_token);
+  }
+  if (!options_.refresh_token_file.empty()) token = ReadToken(options_.refresh_token_file);
+  host::FillMissing(service, profile_.Settings());
+  host::SetAuthority(service, host::kDefaultAuthority);
+  if (service.discovery_resource.empty())
+    service.discovery_resource = host::kDefaultDiscoveryResource;
+  if (token.empty() && profile_.RefreshToken().empty() && options_.command != Command::kLogin) {
+    throw host::Failure(
+        host::FailureKind::kSignIn, "not signed in",
+        "run 'onedrive4b login', or use --emulator to look around without an account");
+  }
+  host::CheckSettings(service);
+  if (token.empty()) return;
+  redactor_.AddSecret(token);
+  profile_.KeepRefreshToken(token);
+  profile_.KeepSettings(service);
+}
+
+void Program::Run(Interrupts& interrupts) {
+  if (options_.command == Command::kLogout) return profile_.SignOut();
+  ChooseService();
+  const host::HttpClient http({host::CertificateBundle().string(), options_.proxy});
+  if (options_.command == Command::kLogin) LogIn(http, interrupts);
+  host::Authorizer authorizer({options_.service, http, profile_, log_, redactor_});
+  const host::ModuleLibrary module(options_.module);
+  // Every request is limited on its own.
+  const std::int64_t rate = (options_.rate_limit + options_.parallel - 1) / options_.parallel;
+  host::Session session({module, profile_, authorizer, log_},
+                        {options_.service, options_.proxy, !options_.hide_shared, rate});
+  const host::ItemClient items(session);
+  const RemoteDrive drive(items);
+  Output out(STDOUT_FILENO);
+  RunCommand({options_, drive, out, interrupts});
+  out.Flush();
+}
+
+void Program::LogIn(const host::HttpClient& http, Interrupts& interrupts) {
+  const auto show = [](const std::string& address, const std::string& code) {
+    Output out(STDOUT_FILENO);
+    out.Write("To sign in, open this address in a browser, on this or another device:\n  " +
+              address + "\nand enter the code\n  " + code + "\n");
+    out.Flush();
+  };
+  const Interrupts::Scope scope(interrupts);
+  const std::string token = host::LogInByDevice(
+      {options_.service, http, interrupts.cancellation(), log_, redactor_}, show);
+  profile_.KeepRefreshToken(token);
+  profile_.KeepSettings(options_.service);
+}
+
+void Program::RunCommand(const TransferContext& context) const {
+  const BrowseContext browse{options_, context.drive, context.out};
+  switch (options_.command) {
+    case Command::kWhoAmI:
+      return WhoAmI(browse);
+    case Command::kDf:
+      return ShowSpace(browse);
+    case Command::kLs:
+      return ListFolder(browse);
+    case Command::kTree:
+      return ShowTree(browse);
+    case Command::kStat:
+      return ShowItem(browse);
+    case Command::kGet:
+      return Get(context);
+    case Command::kCat:
+      return Cat(context);
+    case Command::kPut:
+      return Put(context);
+    case Command::kMkdir:
+      return MakeFolder(options_, context.drive);
+    case Command::kMv:
+      return MoveItem(options_, context.drive);
+    case Command::kRm:
+      return RemoveItem(options_, context.drive);
+    case Command::kLogin:
+      context.out.Write("Signed in as ");
+      return WhoAmI(browse);
+    case Command::kLogout:
+      return;  // needs no session
+  }
+}
+
+int Run(int argc, char** argv) {
+  // A closed pipe shows as a failed write, with a message and an exit code.
+  if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) return static_cast<int>(ExitCode::kFailed);
+  std::variant<Options, int> parsed = ParseCommandLine(argc, argv);
+  if (const int* code = std::get_if<int>(&parsed)) return *code;
+  // The emulator is in this process: a proxy that the environment names could not reach it.
+  // No other thread runs yet.
+  if (std::get<Options>(parsed).emulator) {
+    ::setenv("no_proxy", "*", 1);  // NOLINT(concurrency-mt-unsafe)
+  }
+  const CurlLibrary curl;
+  Interrupts interrupts;
+  Program program(std::move(std::get<Options>(parsed)));
+  program.Run(interrupts);
+  return static_cast<int>(ExitCode::kOk);
+}
+
+}  // namespace
+
+int RunProgram(int argc, char** argv) noexcept {
+  try {
+    return Run(argc, argv);
+  } catch (const host::Failure& failure) {
+    PrintFailure(failure);
+    return static_cast<int>(ExitCodeOf(failure.kind()));
+  } catch (const std::exception& error) {
+    PrintFailure(host::Failure(host::FailureKind::kFailed, host::EscapeForTerminal(error.what())));
+    return static_cast<int>(ExitCode::kFailed);
+  }
+}
+
+}  // namespace cli

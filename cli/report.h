@@ -1,0 +1,28 @@
+// How the program ends: what it says about a failure and what it returns to the shell.
+//
+// Callable from any thread.
+#pragma once
+
+#include "host/failure.h"
+
+namespace cli {
+
+/// What the program returns to the shell. Documented in --help; never renumbered.
+enum class ExitCode : int {
+  kOk = 0,
+  kFailed = 1,         ///< the service or the module refused or failed an operation
+  kUsage = 2,          ///< the command line makes no sense
+  kModule = 3,         ///< the module could not be loaded
+  kSignIn = 4,         ///< not signed in, or the sign-in failed
+  kNotFound = 5,       ///< a remote path does not exist
+  kLocal = 6,          ///< a local file, folder or the output could not be read or written
+  kProxy = 7,          ///< the proxy cannot be reached, or refuses
+  kInterrupted = 130,  ///< ended by Ctrl-C or SIGTERM
+};
+
+ExitCode ExitCodeOf(host::FailureKind kind) noexcept;
+
+/// Writes "onedrive4b: <what>" and the advice to standard error.
+void PrintFailure(const host::Failure& failure) noexcept;
+
+}  // namespace cli

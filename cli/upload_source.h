@@ -1,0 +1,43 @@
+// UploadSource: a local file that is being uploaded, watched for changes underneath.
+//
+// Threads: one thread at a time, the one that runs the upload.
+// Lifetime: keeps the file open until it is destroyed.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include <sys/stat.h>
+
+#include "base/unique_fd.h"
+#include "onedrive4b/interfaces.h"
+
+namespace cli {
+
+class UploadSource final : public ICacheIO {
+ public:
+  /// Throws a kLocal Failure when the file cannot be read or is no regular file.
+  explicit UploadSource(std::filesystem::path file);
+
+  /// Bytes at the time it was opened: what the upload will send.
+  std::int64_t size() const noexcept { return status_.st_size; }
+
+  /// Reads the piece from the file. Refuses the last piece of a file that is no longer the one that
+  /// was opened, so that the service never stores a mixture.
+  int ReadCache(_CACHEIO_REQUEST* request) override;
+
+  /// Throws the kLocal Failure that ended the upload, or that the file changed since it was opened.
+  void Check() const;
+
+ private:
+  bool HasChanged() const noexcept;
+
+  const std::filesystem::path file_;
+  base::UniqueFd fd_;
+  struct stat status_ {};  ///< as it was opened
+  int error_ = 0;
+  bool changed_ = false;
+};
+
+}  // namespace cli
