@@ -66,6 +66,7 @@ class Program {
  private:
   void ChooseService();
   void LogIn(const host::HttpClient& http, Interrupts& interrupts);
+  static void SignIn(host::Session& session);
   void RunCommand(const TransferContext& context) const;
 
   Options options_;
@@ -113,7 +114,7 @@ void Program::ChooseService() {
   }
   host::CheckSettings(service);
   if (token.empty()) return;
-  redactor_.AddSecret(token);
+  redactor_.AddToken(token);
   profile_.KeepRefreshToken(token);
   profile_.KeepSettings(service);
 }
@@ -123,12 +124,13 @@ void Program::Run(Interrupts& interrupts) {
   ChooseService();
   const host::HttpClient http({host::CertificateBundle().string(), options_.proxy});
   if (options_.command == Command::kLogin) LogIn(http, interrupts);
-  host::Authorizer authorizer({options_.service, http, profile_, log_, redactor_});
   const host::ModuleLibrary module(options_.module);
   // Every request is limited on its own.
   const std::int64_t rate = (options_.rate_limit + options_.parallel - 1) / options_.parallel;
-  host::Session session({module, profile_, authorizer, log_},
-                        {options_.service, options_.proxy, !options_.hide_shared, rate});
+  host::Session session(
+      {module, {options_.service, http, profile_, log_, redactor_, interrupts.cancellation()}},
+      {options_.service, options_.proxy, !options_.hide_shared, rate});
+  SignIn(session);
   const host::ItemClient items(session);
   const RemoteDrive drive(items);
   Output out(STDOUT_FILENO);
@@ -148,6 +150,22 @@ void Program::LogIn(const host::HttpClient& http, Interrupts& interrupts) {
       {options_.service, http, interrupts.cancellation(), log_, redactor_}, show);
   profile_.KeepRefreshToken(token);
   profile_.KeepSettings(options_.service);
+}
+
+/// Whatever the reason, for the shell it is the sign-in that failed.
+void Program::SignIn(host::Session& session) {
+  try {
+    session.Connect();
+  } catch (const host::Failure& failure) {
+    switch (failure.kind()) {
+      case host::FailureKind::kModule:
+      case host::FailureKind::kProxy:
+      case host::FailureKind::kInterrupted:
+        throw;
+      default:
+        throw host::Failure(host::FailureKind::kSignIn, failure.what(), failure.advice());
+    }
+  }
 }
 
 void Program::RunCommand(const TransferContext& context) const {

@@ -1,13 +1,21 @@
 // Authorizer: exchanges the profile's refresh token for access tokens when the module asks.
 //
-// Threads: Authorize may be called from any thread; calls run one after the other.
-// Lifetime: everything handed to the constructor must outlive it, and it must outlive the protocol
-// objects connected with it.
+// Threads: every operation may be called from any thread. Exchanges of all authorizers of a profile
+// run one after the other.
+// Lifetime: one for each protocol object, which it must outlive; what the context names must
+// outlive it.
 #pragma once
 
+#include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 
+#include <json/value.h>
+
+#include "host/boot_clock.h"
+#include "host/cancellation.h"
+#include "host/failure.h"
 #include "host/http_client.h"
 #include "host/log.h"
 #include "host/profile.h"
@@ -24,33 +32,48 @@ struct AuthorizerContext {
   Profile& profile;
   Log& log;
   Redactor& redactor;
+  /// Once raised, no exchange begins. One that runs is finished: the authority may already have
+  /// withdrawn the token that was sent, so the new one must be stored.
+  Cancellation& cancellation;
 };
 
 /// What the authority said, in one line for people: "invalid_grant: ...", or what came instead of
 /// an error document. Holds no secret.
 std::string DescribeAuthorityError(const HttpResponse& response, const Redactor& redactor);
 
+/// A time in seconds, which the authority may write as a number or as text.
+std::optional<std::chrono::seconds> SecondsMember(const Json::Value& object, const char* name);
+
 class Authorizer final : public IProtocolAuth {
  public:
+  /// When the newest access token was asked for, and for how long it is good.
+  struct TokenLife {
+    BootClock::time_point begin;
+    std::chrono::seconds length{0};  ///< 0: there is no token
+  };
+
   explicit Authorizer(const AuthorizerContext& context) : context_(context) {}
 
   char* Authorize(IProtocol_V2* protocol, const char* credential) override;
   void FreeResult(char* text) override;
 
-  /// Why the newest Authorize failed; empty when it did not.
-  std::string LastError() const;
-  /// What of the proxy's doing made the last one fail; SUCCESS when nothing of it did.
-  AERROR LastProxyError() const;
+  TokenLife token_life() const;
+
+  /// Why the newest Authorize failed; nothing when it did not.
+  std::optional<Failure> last_failure() const;
+  /// What the proxy did to make it fail, one of SOCK_PROXY_...; SUCCESS for nothing.
+  AERROR last_proxy_error() const;
 
  private:
   std::string Exchange(const Json::Value& credential);
   HttpResponse Request(const std::string& refresh_token, const std::string& resource);
-  std::string AcceptTokens(const HttpResponse& response);
+  std::string AcceptTokens(const HttpResponse& response, BootClock::time_point asked);
 
   AuthorizerContext context_;
   mutable std::mutex mutex_;
-  std::string last_error_;
-  AERROR proxy_error_ = SUCCESS;
+  std::optional<Failure> last_failure_;  ///< guarded by mutex_
+  AERROR last_proxy_error_ = SUCCESS;    ///< guarded by mutex_
+  TokenLife token_life_;                 ///< guarded by mutex_
 };
 
 }  // namespace host

@@ -49,4 +49,21 @@ void Cancellation::Transfers::Stop() const noexcept {
   for (const auto& handle : handles_) StopTransfer(*handle);
 }
 
+Cancellation::Unbroken::Unbroken(Cancellation& cancellation) : cancellation_(cancellation) {
+  const std::lock_guard<std::mutex> lock(cancellation_.mutex_);
+  cancellation_.Check();
+  ++cancellation_.unbroken_;
+}
+
+Cancellation::Unbroken::~Unbroken() {
+  const std::lock_guard<std::mutex> lock(cancellation_.mutex_);
+  --cancellation_.unbroken_;
+  cancellation_.changed_.notify_all();
+}
+
+bool Cancellation::WaitForUnbroken(std::chrono::milliseconds time) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, time, [this] { return unbroken_ == 0; });
+}
+
 }  // namespace host

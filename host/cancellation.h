@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -58,10 +59,28 @@ class Cancellation {
     std::list<const Transfers*>::iterator place_;
   };
 
+  /// Work that must not be cut short once it has begun, such as spending a token that is good for
+  /// one use. Throws as Check does instead of beginning when the cancellation is raised.
+  class Unbroken {
+   public:
+    explicit Unbroken(Cancellation& cancellation);
+    ~Unbroken();
+    Unbroken(const Unbroken&) = delete;
+    Unbroken& operator=(const Unbroken&) = delete;
+
+   private:
+    Cancellation& cancellation_;
+  };
+
+  /// For whoever would end the process: waits until no Unbroken is left. False when `time` is over
+  /// before.
+  bool WaitForUnbroken(std::chrono::milliseconds time);
+
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
   std::list<const Transfers*> transfers_;
+  std::size_t unbroken_ = 0;
   std::atomic<bool> raised_{false};
 };
 

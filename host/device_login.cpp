@@ -1,7 +1,6 @@
 #include "host/device_login.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <optional>
 
@@ -32,15 +31,8 @@ struct DeviceCode {
   seconds life{};
 };
 
-/// A number that the authority may write as a number or as text.
-seconds SecondsMember(const Json::Value& object, const char* name, seconds fallback, seconds most) {
-  std::int64_t value = fallback.count();
-  if (object[name].isInt64()) {
-    value = object[name].asInt64();
-  } else if (const std::string text = base::TextMember(object, name).value_or(""); !text.empty()) {
-    std::from_chars(text.data(), text.data() + text.size(), value);
-  }
-  return seconds(std::clamp<std::int64_t>(value, 1, most.count()));
+seconds Limited(std::optional<seconds> time, seconds fallback, seconds most) {
+  return std::clamp(time.value_or(fallback), seconds(1), most);
 }
 
 Failure LoginFailure(const std::string& reason) {
@@ -74,8 +66,9 @@ class DeviceLogin {
         code.address.empty()) {
       throw LoginFailure(DescribeAuthorityError(response, context_.redactor));
     }
-    code.interval = SecondsMember(*document, "interval", kDefaultInterval, kLongestInterval);
-    code.life = SecondsMember(*document, "expires_in", kDefaultLife, kLongestLife);
+    code.interval =
+        Limited(SecondsMember(*document, "interval"), kDefaultInterval, kLongestInterval);
+    code.life = Limited(SecondsMember(*document, "expires_in"), kDefaultLife, kLongestLife);
     context_.redactor.AddSecret(code.device_code);
     return code;
   }
@@ -127,7 +120,7 @@ class DeviceLogin {
     const auto document = base::ParseJsonObject(response.body);
     std::string token = document ? base::TextMember(*document, "refresh_token").value_or("") : "";
     if (token.empty()) throw LoginFailure("the authority gave no refresh token");
-    context_.redactor.AddSecret(token);
+    context_.redactor.AddToken(token);
     return token;
   }
 

@@ -9,6 +9,7 @@ namespace {
 
 constexpr std::string_view kHidden = "[hidden]";
 constexpr std::size_t kShortestSecret = 4;
+constexpr std::size_t kMostTokens = 100;
 
 void ReplaceAll(std::string& line, const std::string& secret) {
   for (std::size_t at = line.find(secret); at != std::string::npos;
@@ -67,11 +68,20 @@ void Redactor::AddSecret(const std::string& secret) {
   secrets_.insert(secret);
 }
 
+void Redactor::AddToken(const std::string& token) {
+  if (token.size() < kShortestSecret) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (std::find(tokens_.begin(), tokens_.end(), token) != tokens_.end()) return;
+  if (tokens_.size() == kMostTokens) tokens_.pop_front();
+  tokens_.push_back(token);
+}
+
 std::string Redactor::Redact(std::string_view line) const {
   std::string out(line);
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const std::string& secret : secrets_) ReplaceAll(out, secret);
+    for (const std::string& token : tokens_) ReplaceAll(out, token);
   }
   HideInUrls(out);
   HideAfter(out, "bearer ", " \t\"',;");

@@ -1,50 +1,93 @@
-// Session: the module's protocol object, bound to the host's services and signed in.
+// Session: the drive of one account, through the module, for as long as the program runs.
 //
-// Threads: the protocol object takes calls from several threads; the session itself is made and
-// destroyed by one.
-// Lifetime: everything handed to the constructor must outlive it. No operation may be running when
-// it is destroyed.
+// The module renews a token when the service refuses it, but not twice within 3660 seconds, and
+// tokens live for 3600: an object that stays signed in fails for a minute of every hour. So a
+// session keeps protocol objects in turn. A thread of its own signs a fresh one in before the token
+// of the one in use ends; new calls get the fresh one, and the old one is released when its calls
+// have ended. A token that is withdrawn earlier is replaced when a call meets that.
+//
+// Threads: Call and Connect may be called from any thread, the rest by the owner.
+// Lifetime: what the context names must outlive it. No call may be running when it is destroyed. At
+// most one session of a module at a time: it binds the module's logger.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 
-#include "host/authorizer.h"
-#include "host/failure.h"
-#include "host/log.h"
-#include "host/module_library.h"
-#include "host/profile.h"
-#include "host/settings.h"
+#include "host/boot_clock.h"
+#include "host/connection.h"
 
 namespace host {
 
-struct SessionContext {
-  const ModuleLibrary& module;
-  Profile& profile;
-  Authorizer& authorizer;
-  Log& log;
-};
-
-struct SessionOptions {
-  const ServiceSettings& service;
-  const ProxySettings& proxy;
-  bool show_shared = true;
-  std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
+/// When a session signs in again.
+struct RenewalTimes {
+  /// Shares of a token's life after which it is replaced; the moment is drawn between them, so that
+  /// many hosts that were started together do not ask together.
+  double earliest = 0.65;
+  double latest = 0.75;
+  /// A failed renewal in the background is tried again after this time, doubled up to the longest.
+  std::chrono::milliseconds first_retry{std::chrono::seconds(30)};
+  std::chrono::milliseconds longest_retry{std::chrono::minutes(5)};
+  /// So long after a failed sign-in, calls that need one fail at once.
+  std::chrono::milliseconds calm{std::chrono::seconds(5)};
 };
 
 class Session {
  public:
-  /// Binds, sets the options and signs in. Throws a kSignIn Failure.
-  Session(const SessionContext& context, const SessionOptions& options);
+  using Operation = std::function<AERROR(IProtocol_V2&)>;
 
-  /// Runs `operation` with the protocol object. Throws a Failure that says that `action` failed,
-  /// with the result's name and what the module logged about it on this thread, unless the result
-  /// is SUCCESS.
-  void Call(const std::string& action, const std::function<AERROR(IProtocol_V2&)>& operation) const;
+  /// Does not sign in.
+  Session(const SessionContext& context, SessionOptions options, const RenewalTimes& times = {});
+  /// Waits for a sign-in that is running.
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// Signs in, unless a token is at hand. Throws Failure.
+  void Connect();
+
+  /// Runs `operation` with a signed-in protocol object; signs in before that when there is none.
+  /// Throws a Failure that says that `action` failed, with the result's name and what the module
+  /// logged about it on this thread, unless the result is SUCCESS. An operation that the service
+  /// refuses for want of a good token is run a second time, with a new one.
+  void Call(const std::string& action, const Operation& operation);
 
  private:
+  /// One protocol object and the calls that use it.
+  struct Link {
+    Link(const SessionContext& context, const SessionOptions& options)
+        : connection(context, options), made(BootClock::now()) {}
+
+    bool TokenIsGood() const;
+
+    Connection connection;
+    const BootClock::time_point made;
+    std::size_t calls = 0;  ///< guarded by mutex_
+  };
+
+  /// Keeps a link from being released.
+  class Lease {
+   public:
+    Lease(Session& session, Link& link) : session_(session), link_(link) {}
+    ~Lease();
+    Lease(const Lease&) = delete;
+    Lease& operator=(const Lease&) = delete;
+
+    Link& link() const noexcept { return link_; }
+
+   private:
+    Session& session_;
+    Link& link_;
+  };
+
   class LoggerBinding {
    public:
     LoggerBinding(const ModuleLibrary& module, Log& log);
@@ -55,17 +98,37 @@ class Session {
    private:
     const ModuleLibrary& module_;
   };
-  struct Releaser {
-    void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
-  };
 
-  Failure Describe(AERROR result, const std::string& action, const ErrorLines& errors) const;
-  void SetOptions(const SessionOptions& options) const;
-  void Connect() const;
+  Lease Use();
+  std::optional<Failure> Try(Link& link, const std::string& action, const Operation& operation);
+  void ReplaceRefused(const Link& refused, const Failure& refusal);
+  void KeepDespiteRefusals();
+  void SignIn();
+  void SignInUnlessCalm();
+  void Run();
+  bool ReleaseIdle(std::unique_lock<std::mutex>& lock);
+  void RenewInBackground(std::unique_lock<std::mutex>& lock);
+  BootClock::time_point RenewalTime() const;
 
-  SessionContext context_;
-  LoggerBinding binding_;
-  std::unique_ptr<IProtocol_V2, Releaser> protocol_;
+  const SessionContext context_;
+  const SessionOptions options_;
+  const RenewalTimes times_;
+  const LoggerBinding binding_;
+
+  // Taken before mutex_ and held during a sign-in, so that there is one at a time.
+  std::mutex sign_in_mutex_;
+  std::optional<Failure> last_failure_;      ///< of a sign-in; guarded by sign_in_mutex_
+  BootClock::time_point last_failure_time_;  ///< guarded by sign_in_mutex_
+  BootClock::time_point keep_until_;         ///< guarded by sign_in_mutex_
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::list<std::unique_ptr<Link>> links_;  ///< the newest is in use; guarded by mutex_
+  double renewal_share_ = 0;                ///< of the newest link's token; guarded by mutex_
+  BootClock::time_point retry_time_;        ///< guarded by mutex_
+  std::chrono::milliseconds retry_pause_;   ///< guarded by mutex_
+  bool ending_ = false;                     ///< guarded by mutex_
+  std::thread thread_;                      ///< started with the first sign-in; guarded by mutex_
 };
 
 }  // namespace host

@@ -11,6 +11,7 @@
 #include "host/service_error.h"
 #include "host/text.h"
 #include "tests/host/folder_test.h"
+#include "tests/host/quiet_sink.h"
 
 namespace host {
 namespace {
@@ -114,13 +115,6 @@ TEST_F(HostTest, WithdrawnTokenIsHiddenFromTheModuleAndSurvivesACrash) {
   EXPECT_EQ(profile.RefreshToken(), "");
 }
 
-class QuietSink final : public LogSink {
- public:
-  bool Wants(LOGLEVEL) override { return false; }
-  void Write(LOGLEVEL, std::string_view) override {}
-  void Warn(std::string_view) override {}
-};
-
 /// An authoriser in front of a service that kills each refresh token once it was used.
 class AuthorizerTest : public HostTest {
  protected:
@@ -139,6 +133,11 @@ class AuthorizerTest : public HostTest {
     return options;
   }
 
+  static std::string LastError(const Authorizer& authorizer) {
+    const auto failure = authorizer.last_failure();
+    return failure ? failure->what() : "";
+  }
+
   std::string Ask(Authorizer& authorizer, const std::string& resource) const {
     char* text = authorizer.Authorize(
         nullptr, ("{\"args\":{\"resource\":\"" + resource + "\"},\"results\":{}}").c_str());
@@ -153,29 +152,30 @@ class AuthorizerTest : public HostTest {
   Redactor redactor_;
   QuietSink sink_;
   Log log_{sink_, redactor_};
+  Cancellation cancellation_;
 };
 
 TEST_F(AuthorizerTest, NewestTokenWinsOverTheOneTheModuleGivesBack) {
   ValueStore store(profile_file_);
   Profile profile(store, "p");
   profile.KeepRefreshToken(service_.IssueRefreshToken());
-  Authorizer authorizer({settings_, http_, profile, log_, redactor_});
+  Authorizer authorizer({settings_, http_, profile, log_, redactor_, cancellation_});
   // A renewal of the module: two requests, then the token of the first one is handed to the store.
   const std::string first = Ask(authorizer, "");
-  ASSERT_NE(first, "") << authorizer.LastError();
+  ASSERT_NE(first, "") << LastError(authorizer);
   const std::string second = Ask(authorizer, service_.ServiceResource());
   profile.SetValue("p", "refresh_token", first.c_str());
   ValueStore next_run(profile_file_);
   Profile next(next_run, "p");
   EXPECT_EQ(next.RefreshToken(), second);
-  Authorizer next_authorizer({settings_, http_, next, log_, redactor_});
-  EXPECT_NE(Ask(next_authorizer, ""), "") << next_authorizer.LastError();
+  Authorizer next_authorizer({settings_, http_, next, log_, redactor_, cancellation_});
+  EXPECT_NE(Ask(next_authorizer, ""), "") << LastError(next_authorizer);
 }
 
 TEST_F(AuthorizerTest, FailuresAreClearHoldNoSecretAndCostNoSignIn) {
   ValueStore store;
   Profile profile(store, "p");
-  Authorizer authorizer({settings_, http_, profile, log_, redactor_});
+  Authorizer authorizer({settings_, http_, profile, log_, redactor_, cancellation_});
   using emulator::Fault;
   const auto html = [](int status) {
     Fault fault = Fault::Status(status);
@@ -196,16 +196,15 @@ TEST_F(AuthorizerTest, FailuresAreClearHoldNoSecretAndCostNoSignIn) {
     profile.KeepRefreshToken(token);
     service_.AddFault(fault.On("POST", "/token"));
     EXPECT_EQ(Ask(authorizer, ""), "");
-    EXPECT_NE(authorizer.LastError().find(expected), std::string::npos) << authorizer.LastError();
-    EXPECT_EQ(authorizer.LastError().find(token), std::string::npos);
+    EXPECT_NE(LastError(authorizer).find(expected), std::string::npos) << LastError(authorizer);
+    EXPECT_EQ(LastError(authorizer).find(token), std::string::npos);
     EXPECT_EQ(profile.RefreshToken(), token);
   }
   EXPECT_TRUE(service_.UnfiredFaults().empty());
 }
 
 TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
-  Cancellation cancellation;
-  const DeviceLoginContext context{settings_, http_, cancellation, log_, redactor_};
+  const DeviceLoginContext context{settings_, http_, cancellation_, log_, redactor_};
   const auto log_in = [&](auto answer) {
     return LogInByDevice(
         context, [&](const std::string&, const std::string& code) { EXPECT_TRUE(answer(code)); });

@@ -1,0 +1,25 @@
+// BootClock: a clock for how long something is good for. It also counts while the machine sleeps,
+// which the steady clock does not.
+#pragma once
+
+#include <chrono>
+
+#include <time.h>
+
+namespace host {
+
+struct BootClock {
+  using duration = std::chrono::nanoseconds;
+  using rep = duration::rep;
+  using period = duration::period;
+  using time_point = std::chrono::time_point<BootClock>;
+  static constexpr bool is_steady = true;
+
+  static time_point now() noexcept {
+    timespec time{};
+    clock_gettime(CLOCK_BOOTTIME, &time);
+    return time_point(std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec));
+  }
+};
+
+}  // namespace host

@@ -1,0 +1,62 @@
+// Connection: one protocol object of the module, with its options set and signed in.
+//
+// Threads: the protocol object takes calls from several threads; the rest is for its maker.
+// Lifetime: what the context names must outlive it. No operation may be running when it is
+// destroyed; that waits for a renewal of tokens that is running.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "host/authorizer.h"
+#include "host/failure.h"
+#include "host/log.h"
+#include "host/module_library.h"
+#include "host/settings.h"
+
+namespace host {
+
+struct SessionContext {
+  const ModuleLibrary& module;
+  AuthorizerContext authorizer;
+};
+
+struct SessionOptions {
+  ServiceSettings service;
+  ProxySettings proxy;
+  bool show_shared = true;
+  std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
+};
+
+/// What makes a failure of the module's operation `action`: the result's name and the error lines.
+Failure DescribeFailure(const ModuleLibrary& module, AERROR result, const std::string& action,
+                        const ErrorLines& errors);
+
+class Connection {
+ public:
+  /// Throws Failure: kSignIn when the authority refuses, kUnreachable when it gives no answer, and
+  /// so on.
+  Connection(const SessionContext& context, const SessionOptions& options);
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  IProtocol_V2& protocol() const noexcept { return *protocol_; }
+
+  /// Of the token in use: the module may have renewed it by itself.
+  Authorizer::TokenLife token_life() const { return authorizer_.token_life(); }
+
+ private:
+  struct Releaser {
+    void operator()(IProtocol_V2* protocol) const { protocol->Release(); }
+  };
+
+  void SetOptions(const SessionOptions& options) const;
+  void SignIn();
+
+  const ModuleLibrary& module_;
+  Authorizer authorizer_;
+  std::unique_ptr<IProtocol_V2, Releaser> protocol_;
+};
+
+}  // namespace host
