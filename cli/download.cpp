@@ -154,10 +154,10 @@ void Download(const TransferContext& context, const RemoteItem& item,
     throw host::Failure(host::FailureKind::kFailed,
                         host::Quoted(item.path) + " has a size that makes no sense");
   }
-  DownloadTarget file(target, item.item.size);
+  const Interrupts::Scope scope(context.interrupts);
+  DownloadTarget file(context.interrupts.temporary_files(), target, item.item.size);
   Progress progress(item.path, item.item.size, context.options.quiet);
   RangeQueue ranges(context, item, file, progress);
-  const Interrupts::Scope scope(context.interrupts, file.temporary_file());
   const host::Cancellation::Transfers transfers(context.interrupts.cancellation(),
                                                 ranges.handles());
   ranges.Run();

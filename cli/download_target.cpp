@@ -1,7 +1,6 @@
 #include "cli/download_target.h"
 
 #include <cerrno>
-#include <random>
 #include <utility>
 
 #include <fcntl.h>
@@ -16,25 +15,16 @@
 namespace cli {
 namespace {
 
-constexpr int kMostNameAttempts = 100;
 constexpr mode_t kPermissionBits = 07777;
 
 }  // namespace
 
-DownloadTarget::DownloadTarget(const std::filesystem::path& target, std::int64_t size)
+DownloadTarget::DownloadTarget(TemporaryFiles& files, const std::filesystem::path& target,
+                               std::int64_t size)
     : target_(target) {
   CheckTarget();
-  CreateTemporary();
-  try {
-    Reserve(size);
-  } catch (...) {
-    ::unlink(temporary_file_.c_str());
-    throw;
-  }
-}
-
-DownloadTarget::~DownloadTarget() {
-  if (!temporary_file_.empty()) ::unlink(temporary_file_.c_str());
+  temporary_.emplace(files, target_.parent_path());
+  Reserve(size);
 }
 
 void DownloadTarget::CheckTarget() {
@@ -58,24 +48,8 @@ void DownloadTarget::CheckTarget() {
   mode_ = status.st_mode & kPermissionBits;
 }
 
-void DownloadTarget::CreateTemporary() {
-  std::random_device random;
-  const std::filesystem::path folder = target_.parent_path();
-  for (int attempt = 0; attempt < kMostNameAttempts; ++attempt) {
-    // Not the target's own name plus something: that could be longer than a name may be.
-    temporary_file_ = (folder / host::Formatted(".onedrive4b-%08x.part", random())).string();
-    fd_ = base::UniqueFd(
-        ::open(temporary_file_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (fd_) return;
-    if (errno != EEXIST) break;
-  }
-  const int error = errno;
-  temporary_file_.clear();
-  throw host::LocalFailure("create a file in", folder.empty() ? "." : folder.string(), error);
-}
-
 void DownloadTarget::Reserve(std::int64_t size) {
-  if (size <= 0 || ::fallocate(fd_.get(), 0, 0, size) == 0) return;
+  if (size <= 0 || ::fallocate(temporary_->fd(), 0, 0, size) == 0) return;
   // A file system that cannot reserve shows a full disk when it is written to.
   if (errno == ENOSPC || errno == EFBIG || errno == EDQUOT) {
     throw host::LocalFailure(
@@ -85,16 +59,14 @@ void DownloadTarget::Reserve(std::int64_t size) {
 }
 
 int DownloadTarget::Write(std::int64_t offset, std::string_view data) noexcept {
-  return base::WriteAllAt(fd_.get(), offset, data) ? 0 : errno;
+  return base::WriteAllAt(temporary_->fd(), offset, data) ? 0 : errno;
 }
 
 void DownloadTarget::Commit() {
-  if (mode_) ::fchmod(fd_.get(), *mode_);
-  if (::fsync(fd_.get()) != 0 || !fd_.Close() ||
-      ::rename(temporary_file_.c_str(), target_.c_str()) != 0) {
+  if (mode_) ::fchmod(temporary_->fd(), *mode_);
+  if (::fsync(temporary_->fd()) != 0 || !temporary_->MoveTo(target_)) {
     throw host::LocalFailure("write", target_.string(), errno);
   }
-  temporary_file_.clear();
   base::SyncFolder(target_.parent_path());
 }
 

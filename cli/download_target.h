@@ -18,8 +18,8 @@
 
 #include <sys/types.h>
 
-#include "base/unique_fd.h"
 #include "cli/progress.h"
+#include "cli/temporary_files.h"
 #include "onedrive4b/interfaces.h"
 
 namespace cli {
@@ -28,12 +28,9 @@ class DownloadTarget {
  public:
   /// Makes the temporary file and reserves `size` bytes for it. Throws a kLocal Failure: no such
   /// folder, no room, something other than a file in the way.
-  DownloadTarget(const std::filesystem::path& target, std::int64_t size);
-  ~DownloadTarget();
-  DownloadTarget(const DownloadTarget&) = delete;
-  DownloadTarget& operator=(const DownloadTarget&) = delete;
+  DownloadTarget(TemporaryFiles& files, const std::filesystem::path& target, std::int64_t size);
 
-  const std::string& temporary_file() const noexcept { return temporary_file_; }
+  const std::string& temporary_file() const noexcept { return temporary_->path(); }
 
   /// Writes all of `data` at `offset`. Returns 0 or the system's error number.
   int Write(std::int64_t offset, std::string_view data) noexcept;
@@ -43,13 +40,11 @@ class DownloadTarget {
 
  private:
   void CheckTarget();
-  void CreateTemporary();
   void Reserve(std::int64_t size);
 
   std::filesystem::path target_;
   std::optional<mode_t> mode_;  ///< of the file that is to be replaced
-  std::string temporary_file_;  ///< empty once it is gone
-  base::UniqueFd fd_;
+  std::optional<TemporaryFiles::File> temporary_;
 };
 
 /// Takes the bytes of one range and sees to it that none is missing.

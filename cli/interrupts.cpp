@@ -1,19 +1,23 @@
 #include "cli/interrupts.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <utility>
 
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "base/files.h"
 #include "cli/report.h"
 #include "host/failure.h"
 
 namespace cli {
 namespace {
+
+/// How long a person waits for the end of the program without being told why.
+constexpr std::chrono::milliseconds kPatience(300);
 
 /// The signals that end the program, without those that whoever started it chose to ignore.
 sigset_t EndingSignals() {
@@ -51,30 +55,41 @@ void Interrupts::Run() {
     if (::poll(watched, std::size(watched), -1) < 0) continue;
     if (watched[1].revents != 0) return;
     signalfd_siginfo signal{};
-    if (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) Raise();
+    if (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) TakeSignal();
   }
 }
 
-void Interrupts::Raise() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (scopes_.empty() || cancellation_.raised()) {
-    for (const Scope* scope : scopes_) {
-      if (!scope->temporary_file_.empty()) ::unlink(scope->temporary_file_.c_str());
-    }
-    ::_exit(static_cast<int>(ExitCode::kInterrupted));
+void Interrupts::TakeSignal() {
+  bool end = cancellation_.raised();
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    end = end || scopes_ == 0;
   }
   cancellation_.Raise();
+  if (end) EndProgram();
 }
 
-Interrupts::Scope::Scope(Interrupts& interrupts, std::string temporary_file)
-    : interrupts_(interrupts), temporary_file_(std::move(temporary_file)) {
+void Interrupts::EndProgram() {
+  if (!cancellation_.WaitForUnbroken(kPatience)) {
+    base::WriteAll(STDERR_FILENO,
+                   "onedrive4b: ends as soon as the authority has answered; ending before could "
+                   "lose the sign-in\n");
+    // No request to the authority lasts longer than its time limit.
+    while (!cancellation_.WaitForUnbroken(std::chrono::seconds(1))) {
+    }
+  }
+  temporary_files_.RemoveAll();
+  ::_exit(static_cast<int>(ExitCode::kInterrupted));
+}
+
+Interrupts::Scope::Scope(Interrupts& interrupts) : interrupts_(interrupts) {
   const std::lock_guard<std::mutex> lock(interrupts_.mutex_);
-  place_ = interrupts_.scopes_.insert(interrupts_.scopes_.end(), this);
+  ++interrupts_.scopes_;
 }
 
 Interrupts::Scope::~Scope() {
   const std::lock_guard<std::mutex> lock(interrupts_.mutex_);
-  interrupts_.scopes_.erase(place_);
+  --interrupts_.scopes_;
 }
 
 }  // namespace cli

@@ -1,20 +1,23 @@
 // Interrupts: Ctrl-C and SIGTERM, taken by a thread of their own.
 //
-// While no Scope is open a signal ends the program at once with exit code 130: nothing is half
-// done. While one is open the first signal asks the running transfers to stop, and their owner
-// cleans up; a second one removes the temporary files and ends the program.
+// While no Scope is open a signal ends the program with exit code 130: nothing is half done. While
+// one is open the first signal raises the cancellation, and whoever opened the scope cleans up; a
+// second one ends the program.
+//
+// Ending waits for work that must not be cut short, an exchange of tokens above all, and removes
+// the temporary files.
 //
 // Threads: every operation may be called from any thread.
 // Lifetime: one object, made before other threads so that they inherit the blocked signals; it must
 // outlive every Scope.
 #pragma once
 
-#include <list>
+#include <cstddef>
 #include <mutex>
-#include <string>
 #include <thread>
 
 #include "base/unique_fd.h"
+#include "cli/temporary_files.h"
 #include "host/cancellation.h"
 
 namespace cli {
@@ -29,29 +32,29 @@ class Interrupts {
   /// Raised by the first signal.
   host::Cancellation& cancellation() noexcept { return cancellation_; }
 
-  /// Something that ends by itself when it is asked to.
+  TemporaryFiles& temporary_files() noexcept { return temporary_files_; }
+
+  /// Something that ends by itself when the cancellation is raised.
   class Scope {
    public:
-    /// `temporary_file`: removed if the program has to end without waiting; may be empty.
-    explicit Scope(Interrupts& interrupts, std::string temporary_file = {});
+    explicit Scope(Interrupts& interrupts);
     ~Scope();
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
    private:
-    friend class Interrupts;
     Interrupts& interrupts_;
-    const std::string temporary_file_;
-    std::list<const Scope*>::iterator place_;
   };
 
  private:
   void Run();
-  void Raise();
+  void TakeSignal();
+  [[noreturn]] void EndProgram();
 
   std::mutex mutex_;
-  std::list<const Scope*> scopes_;
+  std::size_t scopes_ = 0;
   host::Cancellation cancellation_;
+  TemporaryFiles temporary_files_;
   base::UniqueFd signals_;
   base::UniqueFd stop_;
   std::thread thread_;

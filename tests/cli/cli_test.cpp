@@ -67,19 +67,20 @@ TEST(RemotePath, FindsByExactNameThenWithoutCase) {
 }
 
 TEST_F(CliTest, DownloadReplacesItsTargetOnlyWhenWhole) {
+  TemporaryFiles files;
   const fs::path target = Write("t", "old");
   chmod(target.c_str(), 0640);
   fs::create_symlink("t", folder_ / "link");
   {
-    DownloadTarget abandoned(target, 5);
+    DownloadTarget abandoned(files, target, 5);
     EXPECT_EQ(abandoned.Write(0, "new"), 0);
   }
-  EXPECT_EQ(KindOf([&] { DownloadTarget huge(target, INT64_MAX); }), FailureKind::kLocal);
-  EXPECT_EQ(KindOf([&] { DownloadTarget folder(folder_, 1); }), FailureKind::kLocal);
-  EXPECT_EQ(KindOf([&] { DownloadTarget none(folder_ / "no/t", 1); }), FailureKind::kLocal);
-  EXPECT_EQ(KindOf([&] { DownloadTarget device("/dev/null", 1); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget huge(files, target, INT64_MAX); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget folder(files, folder_, 1); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget none(files, folder_ / "no/t", 1); }), FailureKind::kLocal);
+  EXPECT_EQ(KindOf([&] { DownloadTarget device(files, "/dev/null", 1); }), FailureKind::kLocal);
   EXPECT_EQ(Read(target), "old");
-  DownloadTarget good(folder_ / "link", 5);
+  DownloadTarget good(files, folder_ / "link", 5);
   EXPECT_EQ(good.Write(3, "er"), 0);
   EXPECT_EQ(good.Write(0, "new"), 0);
   good.Commit();
@@ -89,6 +90,7 @@ TEST_F(CliTest, DownloadReplacesItsTargetOnlyWhenWhole) {
 }
 
 TEST_F(CliTest, RangeIsWholeOrFails) {
+  TemporaryFiles files;
   struct Case {
     const char* what;
     std::vector<std::pair<std::int64_t, std::string>> pieces;
@@ -104,7 +106,7 @@ TEST_F(CliTest, RangeIsWholeOrFails) {
       {"before the start", {{3, "_abcd"}}, false},
   };
   for (const Case& test : cases) {
-    DownloadTarget target(folder_ / "r", 8);
+    DownloadTarget target(files, folder_ / "r", 8);
     Progress progress("r", 8, true);
     const auto handle = std::make_shared<_FS_HANDLE>();
     RangeReceiver receiver(target, {4, 4}, handle, progress);
