@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "base/json_text.h"
 #include "base/utf8.h"
 #include "host/text.h"
 

@@ -81,7 +81,9 @@ void AddConnectionOptions(CLI::App& app, Options& options, RawOptions& raw) {
   endpoint->needs(resource);
   resource->needs(endpoint);
   CLI::Option* proxy =
-      add("--proxy", raw.proxy, "URL", "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT]");
+      add("--proxy", raw.proxy, "URL",
+          "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT], or none (default: what "
+          "https_proxy, all_proxy and no_proxy in the environment say)");
   flag("--proxy-no-tunnel", raw.proxy_no_tunnel,
        "Give requests to the http proxy itself instead of tunnelling through it")
       ->needs(proxy);
@@ -179,9 +181,17 @@ void AddAccountCommands(CLI::App& app, Options& options) {
   AddCommand(app, options, Command::kLogout, "logout", "Forget the sign-in of the profile");
 }
 
+host::ProxyRule ChooseProxy(const Options& options, const RawOptions& raw) {
+  // The emulator is in this process: no proxy could reach it.
+  if (raw.proxy == "none" || options.emulator) return host::ProxyRule::None();
+  const host::ProxyEnvironment environment = host::ProxyEnvironment::Read();
+  if (raw.proxy.empty()) return host::ProxyRule::FromEnvironment(environment);
+  return host::ProxyRule::Fixed(host::ParseProxy(raw.proxy, !raw.proxy_no_tunnel), environment);
+}
+
 /// Turns raw texts into values; throws Failure.
 void Finish(Options& options, const RawOptions& raw) {
-  if (!raw.proxy.empty()) options.proxy = host::ParseProxy(raw.proxy, !raw.proxy_no_tunnel);
+  options.proxy = ChooseProxy(options, raw);
   if (!raw.authority.empty()) host::SetAuthority(options.service, raw.authority);
   if (!raw.rate_limit.empty()) options.rate_limit = *host::ParseSize(raw.rate_limit);
 }

@@ -49,7 +49,7 @@ struct Options {
 
   std::optional<std::string> profile;
   host::ServiceSettings service;
-  host::ProxySettings proxy;
+  host::ProxyRule proxy = host::ProxyRule::None();
   bool hide_shared = false;
   bool emulator = false;
   std::string service_file;

@@ -86,7 +86,6 @@ Program::Program(Options options)
                  ? std::filesystem::path()
                  : host::ProfileFile(options_.profile.value_or("default"))),
       profile_(store_, options_.profile.value_or("default")) {
-  redactor_.AddSecret(options_.proxy.password);
   if (!store_.warning().empty()) log_.Warn(store_.warning());
 }
 
@@ -113,6 +112,8 @@ void Program::ChooseService() {
         "run 'onedrive4b login', or use --emulator to look around without an account");
   }
   host::CheckSettings(service);
+  redactor_.AddSecret(options_.proxy.For(service.token_url).password);
+  redactor_.AddSecret(options_.proxy.ForModule(host::DriveAddress(service)).password);
   if (token.empty()) return;
   redactor_.AddToken(token);
   profile_.KeepRefreshToken(token);
@@ -206,11 +207,6 @@ int Run(int argc, char** argv) {
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) return static_cast<int>(ExitCode::kFailed);
   std::variant<Options, int> parsed = ParseCommandLine(argc, argv);
   if (const int* code = std::get_if<int>(&parsed)) return *code;
-  // The emulator is in this process: a proxy that the environment names could not reach it.
-  // No other thread runs yet.
-  if (std::get<Options>(parsed).emulator) {
-    ::setenv("no_proxy", "*", 1);  // NOLINT(concurrency-mt-unsafe)
-  }
   const CurlLibrary curl;
   Interrupts interrupts;
   Program program(std::move(std::get<Options>(parsed)));

@@ -42,7 +42,8 @@ void Connection::SetOptions(const SessionOptions& options) const {
     if (result == SUCCESS) return;
     throw DescribeFailure(module_, result, std::string("setting the option ") + key, errors);
   };
-  set("option_fields", OptionFields(options.proxy, options.show_shared));
+  set("option_fields",
+      OptionFields(options.proxy.ForModule(DriveAddress(options.service)), options.show_shared));
   if (options.speed_limit > 0) set("speedlimit", std::to_string(options.speed_limit));
   if (!options.service.discovery_url.empty()) set("discovery_url", options.service.discovery_url);
   if (!options.service.service_endpoint.empty()) {

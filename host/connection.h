@@ -13,6 +13,7 @@
 #include "host/failure.h"
 #include "host/log.h"
 #include "host/module_library.h"
+#include "host/proxy.h"
 #include "host/settings.h"
 
 namespace host {
@@ -24,7 +25,7 @@ struct SessionContext {
 
 struct SessionOptions {
   ServiceSettings service;
-  ProxySettings proxy;
+  ProxyRule proxy = ProxyRule::None();
   bool show_shared = true;
   std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
 };

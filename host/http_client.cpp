@@ -56,7 +56,9 @@ std::string FormText(CURL* curl, const FormFields& fields) {
 }
 
 void SetProxy(CURL* curl, const ProxySettings& proxy) {
-  if (proxy.type.empty()) return;
+  // Without these two libcurl would read the environment by itself.
+  Set<CURLOPT_NOPROXY>(curl, "");
+  if (proxy.type.empty()) return Set<CURLOPT_PROXY>(curl, "");
   Set<CURLOPT_PROXY>(curl, proxy.host.c_str());
   Set<CURLOPT_PROXYPORT>(curl, static_cast<long>(proxy.port));
   const long type = proxy.type == "SOCKS4"   ? CURLPROXY_SOCKS4
@@ -80,7 +82,6 @@ void Configure(CURL* curl, const HttpSettings& settings) {
   if (!settings.certificate_bundle.empty()) {
     Set<CURLOPT_CAINFO>(curl, settings.certificate_bundle.c_str());
   }
-  SetProxy(curl, settings.proxy);
 }
 
 void AbortWhenRaised(CURL* curl, const Cancellation* cancellation) {
@@ -118,6 +119,8 @@ HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fiel
   const EasyHandle curl(curl_easy_init(), &curl_easy_cleanup);
   if (!curl) throw HttpError("libcurl could not be started");
   Configure(curl.get(), settings_);
+  const ProxySettings proxy = settings_.proxy.For(url);
+  SetProxy(curl.get(), proxy);
   AbortWhenRaised(curl.get(), cancellation);
   const std::string form = FormText(curl.get(), fields);
   HttpResponse response;
@@ -131,7 +134,7 @@ HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fiel
   if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
     if (code == CURLE_WRITE_ERROR) throw HttpError("the answer is too long");
     const std::string text = reason[0] != '\0' ? reason.data() : curl_easy_strerror(code);
-    if (!settings_.proxy.type.empty()) CheckProxy(curl.get(), code, text);
+    if (!proxy.type.empty()) CheckProxy(curl.get(), code, text);
     throw HttpError(text);
   }
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.status);

@@ -11,14 +11,14 @@
 #include <vector>
 
 #include "host/cancellation.h"
-#include "host/settings.h"
+#include "host/proxy.h"
 #include "onedrive4b/aerror.h"
 
 namespace host {
 
 struct HttpSettings {
   std::string certificate_bundle;  ///< PEM file to verify servers against; empty: libcurl's own
-  ProxySettings proxy;
+  ProxyRule proxy = ProxyRule::None();
   std::chrono::seconds time_limit{60};  ///< of a whole request
 };
 

@@ -1,52 +1,23 @@
 #include "host/settings.h"
 
-#include <cstdlib>
-#include <memory>
 #include <optional>
 
-#include <curl/curl.h>
-
+#include "base/json_text.h"
 #include "host/failure.h"
 #include "host/local_files.h"
 #include "host/text.h"
+#include "host/url.h"
 
 namespace host {
 namespace {
 
 constexpr std::size_t kMostServiceFileBytes = 1 << 16;
-constexpr std::uint16_t kDefaultProxyPort = 1080;
-
-/// A parsed address, by libcurl's own parser so that both see the same parts.
-class Url {
- public:
-  explicit Url(const std::string& text) : url_(curl_url(), &curl_url_cleanup) {
-    ok_ = url_ != nullptr && curl_url_set(url_.get(), CURLUPART_URL, text.c_str(),
-                                          CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
-  }
-
-  bool ok() const noexcept { return ok_; }
-
-  std::string Part(CURLUPart part, unsigned flags = 0) const {
-    char* text = nullptr;
-    if (!ok_ || curl_url_get(url_.get(), part, &text, flags) != CURLUE_OK) return {};
-    const std::unique_ptr<char, decltype(&curl_free)> owner(text, &curl_free);
-    return text;
-  }
-
- private:
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url_;
-  bool ok_ = false;
-};
-
-bool IsLoopback(const std::string& name) {
-  return name == "localhost" || name == "[::1]" || name.starts_with("127.");
-}
 
 void CheckAddress(const char* name, const std::string& address) {
   const Url url(address);
   const std::string scheme = url.Part(CURLUPART_SCHEME);
   if (!url.ok() || (scheme != "https" && scheme != "http")) {
-    throw Failure(FailureKind::kUsage, std::string(name) + " is no http(s) address");
+    throw Failure(FailureKind::kUsage, std::string(name) + " is not an http or https URL");
   }
   if (scheme == "http" && !IsLoopback(url.Part(CURLUPART_HOST))) {
     throw Failure(FailureKind::kUsage,
@@ -120,35 +91,10 @@ ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   return result;
 }
 
-ProxySettings ParseProxy(const std::string& url, bool tunnel) {
-  constexpr const char* kForms = "use socks4://, socks5:// or http://[user:password@]host[:port]";
-  const Url parsed(url);
-  const std::string scheme = parsed.Part(CURLUPART_SCHEME);
-  ProxySettings proxy;
-  if (scheme == "socks4") {
-    proxy.type = "SOCKS4";
-  } else if (scheme == "socks5") {
-    proxy.type = "SOCKS5";
-  } else if (scheme == "http") {
-    proxy.type = tunnel ? "HTTP with TUNNEL" : "HTTP without TUNNEL";
-  } else {
-    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
-  }
-  if (!tunnel && scheme != "http") {
-    throw Failure(FailureKind::kUsage, "--proxy-no-tunnel needs an http:// proxy");
-  }
-  proxy.host = parsed.Part(CURLUPART_HOST);
-  const std::string path = parsed.Part(CURLUPART_PATH);
-  if (proxy.host.empty() || (path != "/" && !path.empty()) ||
-      !parsed.Part(CURLUPART_QUERY).empty()) {
-    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
-  }
-  const std::string port = parsed.Part(CURLUPART_PORT);
-  proxy.port = port.empty() ? kDefaultProxyPort
-                            : static_cast<std::uint16_t>(std::strtoul(port.c_str(), nullptr, 10));
-  proxy.user = parsed.Part(CURLUPART_USER, CURLU_URLDECODE);
-  proxy.password = parsed.Part(CURLUPART_PASSWORD, CURLU_URLDECODE);
-  return proxy;
+const std::string& DriveAddress(const ServiceSettings& settings) {
+  if (!settings.service_endpoint.empty()) return settings.service_endpoint;
+  // Without an address of its own the module asks where the resource's tokens are good.
+  return settings.discovery_url.empty() ? settings.discovery_resource : settings.discovery_url;
 }
 
 std::string OptionFields(const ProxySettings& proxy, bool show_shared) {

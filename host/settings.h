@@ -4,12 +4,11 @@
 #pragma once
 
 #include <array>
-#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <string_view>
 
-#include "base/json_text.h"
+#include "host/proxy.h"
 
 namespace host {
 
@@ -64,18 +63,8 @@ struct ServiceFile {
 };
 ServiceFile ReadServiceFile(const std::filesystem::path& file);
 
-/// A proxy in the module's terms. Empty `type`: none.
-struct ProxySettings {
-  std::string type;  ///< "SOCKS4", "SOCKS5", "HTTP with TUNNEL", "HTTP without TUNNEL"
-  std::string host;
-  std::uint16_t port = 0;
-  std::string user;
-  std::string password;
-};
-
-/// Reads [socks4|socks5|http]://[user[:password]@]host[:port]. `tunnel` counts for http only.
-/// Throws a kUsage Failure that does not repeat the text, which may hold a password.
-ProxySettings ParseProxy(const std::string& url, bool tunnel);
+/// Where the drive is found: the preset endpoint, or the discovery document.
+const std::string& DriveAddress(const ServiceSettings& settings);
 
 /// The text for the module's "option_fields" option.
 std::string OptionFields(const ProxySettings& proxy, bool show_shared);

@@ -253,16 +253,6 @@ TEST(Text, NamesCannotControlTheTerminal) {
   EXPECT_EQ(base::ValidUtf8("a\xFF"), "a\xEF\xBF\xBD");
 }
 
-TEST(Settings, ProxyAddresses) {
-  const ProxySettings proxy = ParseProxy("http://us%40er:p%3Aw@[::1]:8080", false);
-  EXPECT_EQ(proxy.type + proxy.host + proxy.user + proxy.password,
-            "HTTP without TUNNEL[::1]us@erp:w");
-  EXPECT_EQ(proxy.port, 8080);
-  for (const char* bad : {"", "ftp://h", "http://h/path", "socks5h://h", "http://"}) {
-    EXPECT_EQ(KindOf([&] { ParseProxy(bad, true); }), FailureKind::kUsage) << bad;
-  }
-}
-
 TEST(ServiceError, IsReadFromTheLinesOfTheOperation) {
   using Lines = std::vector<std::string>;
   struct Case {

@@ -43,6 +43,9 @@ Outcome Shell(const std::string& command) {
 class ProgramsTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
+    // No request to this machine may go through a proxy that the environment names.
+    setenv("https_proxy", "http://127.0.0.1:9", 1);
+    setenv("http_proxy", "http://127.0.0.1:9", 1);
     std::string pattern = (fs::temp_directory_path() / "onedrive4b-programs-XXXXXX").string();
     folder = mkdtemp(pattern.data());
     for (const char* name : {"bin", "lib", "Frameworks"}) fs::create_directory(folder / name);
