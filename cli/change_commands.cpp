@@ -23,6 +23,7 @@ void CheckMove(const RemoteItem& source, const RemotePlace& place) {
                         "delete it first, or choose another name");
   }
   CheckNewName(place.name);
+  if (!source.item.folder) RemoteDrive::CheckPlaceForFile(place);
   if (source.item.folder &&
       (place.folder.path + "/").starts_with(JoinRemotePath(source.path, ""))) {
     throw host::Failure(

@@ -3,6 +3,13 @@
 #include "host/text.h"
 
 namespace cli {
+namespace {
+
+host::Failure NoFolder(const std::string& path) {
+  return {host::FailureKind::kNotFound, "there is no folder " + host::Quoted(path)};
+}
+
+}  // namespace
 std::vector<host::Item> RemoteDrive::List(const RemoteItem& folder) const {
   std::vector<host::Item> entries = items_.List(folder.item.id, folder.path);
   SortByName(entries);
@@ -10,7 +17,9 @@ std::vector<host::Item> RemoteDrive::List(const RemoteItem& folder) const {
 }
 
 RemoteItem RemoteDrive::Find(const std::string& path) const {
-  return ResolvePath(Top(), SplitRemotePath(path), Lists());
+  RemoteItem item = ResolvePath(Top(), SplitRemotePath(path), Lists());
+  if (MeansFolder(path) && !item.item.folder) throw NoFolder(path);
+  return item;
 }
 
 RemotePlace RemoteDrive::Locate(const std::string& path) const {
@@ -20,9 +29,8 @@ RemotePlace RemoteDrive::Locate(const std::string& path) const {
   const std::string name = std::move(names.back());
   names.pop_back();
   RemotePlace place = Inside(ResolvePath(top, names, Lists()), name);
-  if (path.ends_with('/') && (!place.item || !place.item->item.folder)) {
-    throw host::Failure(host::FailureKind::kNotFound, "there is no folder " + host::Quoted(path));
-  }
+  place.means_folder = MeansFolder(path);
+  if (place.means_folder && place.item && !place.item->item.folder) throw NoFolder(path);
   return place;
 }
 
@@ -37,6 +45,12 @@ RemotePlace RemoteDrive::Inside(const RemoteItem& folder, const std::string& nam
     place.item = {JoinRemotePath(folder.path, entry->name), folder.item.id, *entry};
   }
   return place;
+}
+
+void RemoteDrive::CheckPlaceForFile(const RemotePlace& place) {
+  if (place.means_folder && !place.item) {
+    throw NoFolder(JoinRemotePath(place.folder.path, place.name));
+  }
 }
 
 RemoteItem RemoteDrive::MakeFolder(const RemoteItem& parent, const std::string& name) const {

@@ -18,6 +18,7 @@ struct RemotePlace {
   RemoteItem folder;               ///< the folder it is in
   std::string name;                ///< as asked for; empty for the drive's top
   std::optional<RemoteItem> item;  ///< what is there
+  bool means_folder = false;       ///< written as the path of a folder
 };
 
 class RemoteDrive {
@@ -30,10 +31,11 @@ class RemoteDrive {
   /// Entries of a folder, sorted by name. Throws Failure.
   std::vector<host::Item> List(const RemoteItem& folder) const;
 
-  /// The item that `path` names. Throws Failure.
+  /// The item that `path` names; a folder if that is how the path is written. Throws Failure.
   RemoteItem Find(const std::string& path) const;
 
-  /// Where `path` is or would be: its folder must exist, the item itself need not. Throws Failure.
+  /// Where `path` is or would be: its folder must exist, the item itself need not. What is there is
+  /// a folder if that is how the path is written. Throws Failure.
   RemotePlace Locate(const std::string& path) const;
 
   /// The place `name` in `folder`. Throws Failure.
@@ -44,6 +46,10 @@ class RemoteDrive {
 
   /// The folder that new things go to unless another is named: the user's own drive.
   RemoteItem OwnDrive() const;
+
+  /// Throws a kNotFound Failure when the path was written as that of a folder, but a file would be
+  /// made there.
+  static void CheckPlaceForFile(const RemotePlace& place);
 
   /// Makes the folder `name`. Throws Failure.
   RemoteItem MakeFolder(const RemoteItem& parent, const std::string& name) const;

@@ -24,6 +24,13 @@ std::vector<std::string> SplitRemotePath(std::string_view path) {
   return names;
 }
 
+bool MeansFolder(std::string_view path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return path == "." || path == "..";
+  const std::string_view last = path.substr(slash + 1);
+  return last.empty() || last == "." || last == "..";
+}
+
 std::string JoinRemotePath(const std::string& folder, const std::string& name) {
   return folder.ends_with('/') ? folder + name : folder + "/" + name;
 }

@@ -26,6 +26,10 @@ using Lister = std::function<std::vector<host::Item>(const RemoteItem& folder)>;
 /// the one before it away.
 std::vector<std::string> SplitRemotePath(std::string_view path);
 
+/// Whether `path` is written as that of a folder: with a slash at the end, or with "." or ".."
+/// after the last one.
+bool MeansFolder(std::string_view path);
+
 /// "/a" + "b" is "/a/b".
 std::string JoinRemotePath(const std::string& folder, const std::string& name);
 
