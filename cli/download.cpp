@@ -102,10 +102,20 @@ class RangeQueue {
   std::exception_ptr failure_;
 };
 
+/// The item as a later look at it can be compared with. Entries of some listings, such as that of
+/// files that were shared directly, have no tag.
+RemoteItem WithTag(const TransferContext& context, RemoteItem item) {
+  if (item.item.etag.empty()) item.item = context.drive.Describe(item);
+  return item;
+}
+
 /// A file that changed while its ranges were fetched one after the other would be a mixture.
 void CheckUnchanged(const TransferContext& context, const RemoteItem& item) {
+  const host::Item& before = item.item;
   const host::Item now = context.drive.Describe(item);
-  if (now.size == item.item.size && now.etag == item.item.etag) return;
+  const bool tagged = !before.etag.empty() && !now.etag.empty();
+  const bool same = tagged ? now.etag == before.etag : now.modified == before.modified;
+  if (same && now.size == before.size) return;
   throw host::Failure(host::FailureKind::kChanged,
                       host::Quoted(item.path) + " was changed during the download",
                       "download it again");
@@ -148,8 +158,9 @@ class Printer final : public IFetchCallback {
 
 }  // namespace
 
-void Download(const TransferContext& context, const RemoteItem& item,
+void Download(const TransferContext& context, const RemoteItem& listed,
               const std::filesystem::path& target) {
+  const RemoteItem item = WithTag(context, listed);
   if (item.item.size < 0) {
     throw host::Failure(host::FailureKind::kFailed,
                         host::Quoted(item.path) + " has a size that makes no sense");
