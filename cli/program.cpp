@@ -135,7 +135,12 @@ void Program::Run(Interrupts& interrupts) {
   const host::ItemClient items(session);
   const RemoteDrive drive(items);
   Output out(STDOUT_FILENO);
-  RunCommand({options_, drive, out, interrupts});
+  try {
+    RunCommand({options_, drive, out, interrupts});
+  } catch (const host::Failure&) {
+    out.Flush();  // what was made before it failed
+    throw;
+  }
   out.Flush();
 }
 

@@ -2,42 +2,17 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <vector>
 
 #include <sys/stat.h>
 
-#include "cli/report.h"
+#include "cli/batch.h"
 #include "host/text.h"
 
 namespace cli {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Runs the parts of a recursive transfer and counts those that failed.
-class Batch {
- public:
-  void Try(const std::function<void()>& part) {
-    try {
-      part();
-    } catch (const host::Failure& failure) {
-      if (failure.kind() == host::FailureKind::kInterrupted) throw;
-      PrintFailure(failure);
-      ++failed_;
-    }
-  }
-
-  void Check() const {
-    if (failed_ == 0) return;
-    throw host::Failure(host::FailureKind::kFailed,
-                        std::to_string(failed_) + (failed_ == 1 ? " item was" : " items were") +
-                            " not transferred");
-  }
-
- private:
-  std::size_t failed_ = 0;
-};
 
 bool IsLocalFolder(const fs::path& path) {
   std::error_code error;
@@ -183,7 +158,7 @@ void Get(const TransferContext& context) {
   }
   Batch batch;
   DownloadFolder(context, item, place, batch);
-  batch.Check();
+  batch.Check("item", "transferred");
 }
 
 void Cat(const TransferContext& context) {
@@ -202,12 +177,15 @@ void Put(const TransferContext& context) {
   }
   const RemotePlace place = UploadPlace(context, context.options.target, LocalName(local));
   const host::Item* existing = place.item ? &place.item->item : nullptr;
-  if (!folder) return UploadInto(context, local, place.folder, place.name, existing);
+  if (!folder) {
+    RemoteDrive::CheckPlaceForFile(place);
+    return UploadInto(context, local, place.folder, place.name, existing);
+  }
   std::vector<host::Item> known;
   if (existing != nullptr) known.push_back(*existing);
   Batch batch;
   UploadFolder(context, local, EnsureFolder(context, place.folder, place.name, known), batch);
-  batch.Check();
+  batch.Check("item", "transferred");
 }
 
 }  // namespace cli
