@@ -20,10 +20,10 @@ TEST_F(CommandsTest, FoldersTravelWhole) {
   Write("work/source/top.txt", "top");
   Write("work/source/zero", "");
   Write("work/source/Ünïcödé #1/a%20b.txt", "escaped");
-  Write("work/source/Ünïcödé #1/deep/deeper/big", std::string(300'000, 'b'));
+  Write("work/source/Ünïcödé #1/deep/deeper/big", std::string(9'000'000, 'b'));
   const auto tree = Tree(source);
   ASSERT_EQ(Run({"put", "-r", source.string()}).code, 0);
-  EXPECT_EQ(drive().ReadFile("/source/Ünïcödé #1/deep/deeper/big"), std::string(300'000, 'b'));
+  EXPECT_EQ(drive().ReadFile("/source/Ünïcödé #1/deep/deeper/big"), std::string(9'000'000, 'b'));
   ASSERT_EQ(
       Run({"get", "-r", "--parallel", "2", "/My Drive/source", (work_ / "back").string()}).code, 0);
   EXPECT_EQ(Tree(work_ / "back"), tree);

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -59,7 +60,11 @@ class ProgramTest : public host::FolderTest {
     std::filesystem::create_directory(work_);
   }
 
-  /// Ends with exec or not at all.
+  static bool NamesProxy(std::string_view entry) {
+    const std::string_view name = entry.substr(0, entry.find('='));
+    return name.ends_with("_proxy") || name.ends_with("_PROXY");
+  }
+
   pid_t Start(const Arguments& arguments) const {
     std::vector<std::string> words = {HOST_PROGRAM, "--profile", "p"};
     words.insert(words.end(), arguments.begin(), arguments.end());
@@ -68,7 +73,9 @@ class ProgramTest : public host::FolderTest {
     argv.push_back(nullptr);
     const std::string state = "XDG_STATE_HOME=" + (folder_ / "state").string();
     std::vector<char*> env;
-    for (char** entry = environ; *entry != nullptr; ++entry) env.push_back(*entry);
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+      if (!NamesProxy(*entry)) env.push_back(*entry);
+    }
     env.push_back(const_cast<char*>(state.c_str()));
     for (const auto& entry : environment_) env.push_back(const_cast<char*>(entry.c_str()));
     env.push_back(nullptr);
@@ -128,7 +135,7 @@ class ProgramTest : public host::FolderTest {
   emulator::Service service_{Options()};
   std::string service_file_;
   const std::filesystem::path work_ = folder_ / "work";
-  std::vector<std::string> environment_;  ///< NAME=VALUE, in addition to this process's
+  std::vector<std::string> environment_;  ///< NAME=VALUE, besides this process's without proxies
 };
 
 }  // namespace cli
