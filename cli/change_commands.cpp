@@ -19,7 +19,7 @@ void CheckMove(const RemoteItem& source, const RemotePlace& place) {
   CheckWritable(place.folder);
   if (place.item && place.item->item.id != source.item.id) {
     throw host::Failure(host::FailureKind::kConflict,
-                        host::Quoted(place.item->path) + " exists already",
+                        host::Quoted(place.item->path) + " already exists",
                         "delete it first, or choose another name");
   }
   CheckNewName(place.name);
@@ -39,7 +39,7 @@ void MakeFolder(const Options& options, const RemoteDrive& drive) {
     const RemotePlace place = drive.Locate(options.remote);
     if (place.item)
       throw host::Failure(host::FailureKind::kConflict,
-                          host::Quoted(place.item->path) + " exists already");
+                          host::Quoted(place.item->path) + " already exists");
     drive.MakeFolder(place.folder, place.name);
     return;
   }
@@ -83,7 +83,7 @@ void RemoveItem(const Options& options, const RemoteDrive& drive) {
   CheckChangeable(item);
   if (item.item.folder && !options.recursive) {
     throw host::Failure(host::FailureKind::kFailed, host::Quoted(item.path) + " is a folder",
-                        "delete it with all it holds with -r");
+                        "-r deletes a folder and everything in it");
   }
   drive.items().Delete(item.item, item.path);
 }

@@ -12,18 +12,20 @@ namespace {
 
 constexpr const char* kFooter = R"(
 Remote paths begin at the drive's top, which holds "My Drive" and "Shared with me"
-(with --no-shared: the drive's own content). Names are found as spelled, else without
-regard to case, as the service compares them.
+(with --no-shared: the drive's own content). A name is matched as it is spelled, or else
+without regard to case, as the service does. A slash at the end of a path means a folder.
+
+General options may stand before or after the command, a command's own options after it.
 
 Exit codes:
   0    done
   1    the service or the module refused or failed the operation
-  2    the command line makes no sense
+  2    the command line is invalid
   3    the module could not be loaded
   4    not signed in, or the sign-in failed
   5    a remote path does not exist
   6    a local file or the output could not be read or written
-  7    the proxy cannot be reached, or refuses
+  7    the proxy cannot be reached or rejected the request
   130  ended by Ctrl-C or SIGTERM
 
 Try it without an account:
@@ -85,7 +87,7 @@ void AddConnectionOptions(CLI::App& app, Options& options, RawOptions& raw) {
           "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT], or none (default: what "
           "https_proxy, all_proxy and no_proxy in the environment say)");
   flag("--proxy-no-tunnel", raw.proxy_no_tunnel,
-       "Give requests to the http proxy itself instead of tunnelling through it")
+       "Send requests to the http proxy itself instead of tunnelling through it")
       ->needs(proxy);
   flag("--no-shared", options.hide_shared, "Hide \"Shared with me\"");
   add("--module", options.module, "FILE", "The protocol module (default: beside the program)");
@@ -129,7 +131,7 @@ void AddBrowseCommands(CLI::App& app, Options& options) {
   CLI::App* tree = add(Command::kTree, "tree", "Show a folder as a tree");
   tree->add_option("path", options.remote, "Remote path (default: /)");
   tree->add_option("-L", options.depth, "Levels to show")->check(CLI::Range(1, 1000));
-  CLI::App* stat = add(Command::kStat, "stat", "Show all that is known of an item");
+  CLI::App* stat = add(Command::kStat, "stat", "Show everything known about an item");
   stat->add_option("path", options.remote, "Remote path")->required();
 }
 
@@ -141,8 +143,8 @@ void AddRateOption(CLI::App* sub, RawOptions& raw) {
 void AddTransferCommands(CLI::App& app, Options& options, RawOptions& raw) {
   CLI::App* get = AddCommand(app, options, Command::kGet, "get", "Download a file or a folder");
   get->add_option("remote", options.remote, "Remote path")->required();
-  get->add_option("local", options.local, "Local file or folder (default: here)");
-  get->add_flag("-r,--recursive", options.recursive, "Download a folder with all it holds");
+  get->add_option("local", options.local, "Local file or folder (default: the working directory)");
+  get->add_flag("-r,--recursive", options.recursive, "Download a folder and everything in it");
   get->add_option("--parallel", options.parallel, "Parts of a file to fetch at once")
       ->check(CLI::Range(1, 16));
   AddRateOption(get, raw);
@@ -150,14 +152,14 @@ void AddTransferCommands(CLI::App& app, Options& options, RawOptions& raw) {
   cat->add_option("path", options.remote, "Remote path")->required();
   cat->add_option("--offset", options.offset, "First byte to write (default: 0)")
       ->check(CLI::NonNegativeNumber);
-  cat->add_option("--length", options.length, "Most bytes to write (default: all that follow)")
+  cat->add_option("--length", options.length, "Number of bytes to write (default: all that follow)")
       ->check(CLI::NonNegativeNumber);
   AddRateOption(cat, raw);
   CLI::App* put = AddCommand(app, options, Command::kPut, "put", "Upload a file or a folder");
   put->add_option("local", options.local, "Local path")->required();
   put->add_option("remote", options.target,
-                  "Remote folder, or the path to give it (default: the user's own drive)");
-  put->add_flag("-r,--recursive", options.recursive, "Upload a folder with all it holds");
+                  "Remote folder or path (default: the user's own drive)");
+  put->add_flag("-r,--recursive", options.recursive, "Upload a folder and everything in it");
   AddRateOption(put, raw);
 }
 
@@ -172,7 +174,7 @@ void AddChangeCommands(CLI::App& app, Options& options) {
       ->required();
   CLI::App* rm = AddCommand(app, options, Command::kRm, "rm", "Delete an item");
   rm->add_option("path", options.remote, "Remote path")->required();
-  rm->add_flag("-r,--recursive", options.recursive, "Delete a folder with all it holds");
+  rm->add_flag("-r,--recursive", options.recursive, "Delete a folder and everything in it");
 }
 
 void AddAccountCommands(CLI::App& app, Options& options) {

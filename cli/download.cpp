@@ -163,7 +163,7 @@ void Download(const TransferContext& context, const RemoteItem& listed,
   const RemoteItem item = WithTag(context, listed);
   if (item.item.size < 0) {
     throw host::Failure(host::FailureKind::kFailed,
-                        host::Quoted(item.path) + " has a size that makes no sense");
+                        host::Quoted(item.path) + " has an invalid size");
   }
   const Interrupts::Scope scope(context.interrupts);
   DownloadTarget file(context.interrupts.temporary_files(), target, item.item.size);

@@ -42,7 +42,7 @@ void DownloadTarget::CheckTarget() {
   if (S_ISDIR(status.st_mode)) throw host::LocalFailure("write", target_.string(), EISDIR);
   if (!S_ISREG(status.st_mode)) {
     throw host::Failure(host::FailureKind::kLocal,
-                        host::Quoted(target_.string()) + " is no regular file",
+                        host::Quoted(target_.string()) + " is not a regular file",
                         "'onedrive4b cat' writes to pipes and devices");
   }
   mode_ = status.st_mode & kPermissionBits;

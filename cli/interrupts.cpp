@@ -72,8 +72,8 @@ void Interrupts::TakeSignal() {
 void Interrupts::EndProgram() {
   if (!cancellation_.WaitForUnbroken(kPatience)) {
     base::WriteAll(STDERR_FILENO,
-                   "onedrive4b: ends as soon as the authority has answered; ending before could "
-                   "lose the sign-in\n");
+                   "onedrive4b: waiting for the authority's answer; ending now could lose the "
+                   "sign-in\n");
     // No request to the authority lasts longer than its time limit.
     while (!cancellation_.WaitForUnbroken(std::chrono::seconds(1))) {
     }

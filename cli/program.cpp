@@ -51,7 +51,8 @@ std::string ReadToken(const std::string& file) {
     token.pop_back();
   }
   if (token.empty() || token.find_first_of(" \t\r\n") != std::string::npos) {
-    throw host::Failure(host::FailureKind::kUsage, "the refresh token file holds no single token");
+    throw host::Failure(host::FailureKind::kUsage,
+                        "the refresh token file must contain exactly one token");
   }
   return token;
 }

@@ -52,9 +52,8 @@ RemoteItem ResolvePath(const RemoteItem& top, const std::vector<std::string>& na
   RemoteItem item = top;
   for (const std::string& name : names) {
     if (!item.item.folder) {
-      throw host::Failure(
-          host::FailureKind::kNotFound,
-          host::Quoted(item.path) + " is a file, so it holds no " + host::Quoted(name));
+      throw host::Failure(host::FailureKind::kNotFound,
+                          host::Quoted(item.path) + " is a file, not a folder");
     }
     const std::vector<host::Item> entries = list(item);
     const host::Item* entry = FindEntry(entries, name);
@@ -84,7 +83,7 @@ void SortByName(std::vector<host::Item>& entries) {
 void CheckWritable(const RemoteItem& folder) {
   if (!folder.item.made_up) return;
   throw host::Failure(host::FailureKind::kFailed,
-                      "nothing can be added to " + host::Quoted(folder.path),
+                      "items cannot be added to " + host::Quoted(folder.path),
                       "choose a folder in '/My Drive'");
 }
 
@@ -104,9 +103,9 @@ void CheckNewName(const std::string& name) {
       name.find_first_of(kForbidden) != std::string::npos || name.ends_with('.') ||
       name.ends_with(' ') || name.starts_with(' ') || base::ValidUtf8(name) != name) {
     throw host::Failure(
-        host::FailureKind::kRefused, "the service takes no item named " + host::Quoted(name),
-        "names must not hold \" * : < > ? / \\ | or control characters, nor begin with "
-        "a blank, nor end in a blank or a dot");
+        host::FailureKind::kRefused, "the service does not allow the name " + host::Quoted(name),
+        "names must not contain \" * : < > ? / \\ | or control characters, must not begin with a "
+        "blank and must not end with a blank or a dot");
   }
 }
 

@@ -47,7 +47,7 @@ void SortByName(std::vector<host::Item>& entries);
 /// Throws a kFailed Failure for a folder that the module made up, to which nothing can be added.
 void CheckWritable(const RemoteItem& folder);
 
-/// Throws a kFailed Failure for an item that is no one's to rename, move or delete: the drives and
+/// Throws a kFailed Failure for an item that nobody can rename, move or delete: the drives and
 /// the folders that the module made up.
 void CheckChangeable(const RemoteItem& item);
 

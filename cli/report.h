@@ -11,12 +11,12 @@ namespace cli {
 enum class ExitCode : int {
   kOk = 0,
   kFailed = 1,         ///< the service or the module refused or failed an operation
-  kUsage = 2,          ///< the command line makes no sense
+  kUsage = 2,          ///< the command line is invalid
   kModule = 3,         ///< the module could not be loaded
   kSignIn = 4,         ///< not signed in, or the sign-in failed
   kNotFound = 5,       ///< a remote path does not exist
   kLocal = 6,          ///< a local file, folder or the output could not be read or written
-  kProxy = 7,          ///< the proxy cannot be reached, or refuses
+  kProxy = 7,          ///< the proxy cannot be reached or rejected the request
   kInterrupted = 130,  ///< ended by Ctrl-C or SIGTERM
 };
 

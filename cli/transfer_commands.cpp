@@ -101,7 +101,7 @@ void UploadFolder(const TransferContext& context, const fs::path& source, const 
       if (fs::is_symlink(entry)) {
         throw host::Failure(
             host::FailureKind::kLocal,
-            host::Quoted(entry.string()) + " is a link to a folder, which could lead in circles");
+            host::Quoted(entry.string()) + " is a link to a folder; such links are not followed");
       }
       UploadFolder(context, entry, EnsureFolder(context, folder, name, known), batch);
     });
@@ -154,7 +154,7 @@ void Get(const TransferContext& context) {
   }
   if (!context.options.recursive) {
     throw host::Failure(host::FailureKind::kFailed, host::Quoted(item.path) + " is a folder",
-                        "download all it holds with -r");
+                        "-r downloads a folder and everything in it");
   }
   Batch batch;
   DownloadFolder(context, item, place, batch);
@@ -173,7 +173,7 @@ void Put(const TransferContext& context) {
   const bool folder = IsLocalFolder(local);
   if (folder && !context.options.recursive) {
     throw host::Failure(host::FailureKind::kFailed, host::Quoted(local) + " is a folder",
-                        "upload all it holds with -r");
+                        "-r uploads a folder and everything in it");
   }
   const RemotePlace place = UploadPlace(context, context.options.target, LocalName(local));
   const host::Item* existing = place.item ? &place.item->item : nullptr;

@@ -22,7 +22,7 @@ UploadSource::UploadSource(std::filesystem::path file)
   if (S_ISDIR(status_.st_mode)) throw host::LocalFailure("upload", file_.string(), EISDIR);
   if (!S_ISREG(status_.st_mode)) {
     throw host::Failure(host::FailureKind::kLocal,
-                        host::Quoted(file_.string()) + " is no regular file");
+                        host::Quoted(file_.string()) + " is not a regular file");
   }
 }
 

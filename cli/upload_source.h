@@ -17,7 +17,7 @@ namespace cli {
 
 class UploadSource final : public ICacheIO {
  public:
-  /// Throws a kLocal Failure when the file cannot be read or is no regular file.
+  /// Throws a kLocal Failure when the file cannot be read or is not a regular file.
   explicit UploadSource(std::filesystem::path file);
 
   /// Bytes at the time it was opened: what the upload will send.

@@ -42,11 +42,12 @@ std::string DescribeAuthorityError(const HttpResponse& response, const Redactor&
   const std::optional<Json::Value> document = base::ParseJsonObject(response.body);
   const std::string error = document ? base::TextMember(*document, "error").value_or("") : "";
   if (error.empty()) {
-    const std::string type = response.content_type.empty() ? "no type" : response.content_type;
+    const std::string type =
+        response.content_type.empty() ? "no content type" : response.content_type;
     return "the authority answered HTTP " + std::to_string(response.status) + " (" +
            FirstLine(type, redactor, kLongestType) + ") instead of tokens";
   }
-  std::string text = "the authority refuses: " + FirstLine(error, redactor, kLongestDescription);
+  std::string text = "the authority refused: " + FirstLine(error, redactor, kLongestDescription);
   const std::string description = FirstLine(
       base::TextMember(*document, "error_description").value_or(""), redactor, kLongestDescription);
   if (!description.empty()) text += ": " + description;
@@ -81,7 +82,7 @@ char* Authorizer::Authorize(IProtocol_V2* /*protocol*/, const char* credential) 
   } catch (const ProxyError& error) {
     proxy_error = error.code();
     failure = Failure(FailureKind::kProxy, error.what(),
-                      "check address, kind, user name and password of the proxy");
+                      "check the proxy's address, type, user name and password");
   } catch (const HttpError& error) {
     failure = Failure(FailureKind::kUnreachable, error.what());
   } catch (const std::exception& error) {
@@ -125,7 +126,7 @@ std::string Authorizer::Exchange(const Json::Value& credential) {
   // The module always starts from the text it was connected with; the profile's token is newer.
   std::string token = context_.profile.RefreshToken();
   if (token.empty()) token = member("results", "refresh_token");
-  if (token.empty()) throw Failure(FailureKind::kSignIn, "there is no refresh token");
+  if (token.empty()) throw Failure(FailureKind::kSignIn, "no refresh token is stored");
   const BootClock::time_point asked = BootClock::now();
   return AcceptTokens(Request(token, resource), asked);
 }

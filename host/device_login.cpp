@@ -46,7 +46,7 @@ class DeviceLogin {
   DeviceCode RequestCode() const {
     const ServiceSettings& settings = context_.settings;
     const std::string url = DeviceUrl(settings.token_url);
-    if (url.empty()) throw LoginFailure("the token address has no device login beside it");
+    if (url.empty()) throw LoginFailure("no device login is known for this token address");
     HttpResponse response;
     try {
       response = Post(url, {{"client_id", settings.client_id}, {"resource", Resource()}});
@@ -119,7 +119,7 @@ class DeviceLogin {
   std::string RefreshToken(const HttpResponse& response) const {
     const auto document = base::ParseJsonObject(response.body);
     std::string token = document ? base::TextMember(*document, "refresh_token").value_or("") : "";
-    if (token.empty()) throw LoginFailure("the authority gave no refresh token");
+    if (token.empty()) throw LoginFailure("the authority's answer has no refresh token");
     context_.redactor.AddToken(token);
     return token;
   }

@@ -12,7 +12,7 @@ namespace host {
 
 enum class FailureKind {
   kFailed,       ///< the service or the module failed an operation; nothing more exact is known
-  kUsage,        ///< the caller's settings or arguments make no sense
+  kUsage,        ///< the caller's settings or arguments are invalid
   kModule,       ///< the module could not be loaded
   kSignIn,       ///< not signed in, or the authority refused
   kNotFound,     ///< the item does not exist (404)
@@ -25,7 +25,7 @@ enum class FailureKind {
   kThrottled,    ///< the service asks for fewer requests (429, 503)
   kTrouble,      ///< the service has a fault of its own (other 5xx)
   kUnreachable,  ///< no answer came: no connection, time-out, a broken transfer
-  kProxy,        ///< the proxy cannot be reached, or refuses
+  kProxy,        ///< the proxy cannot be reached or rejected the request
   kLocal,        ///< a local file, folder or the output could not be read or written
   kInterrupted,  ///< whoever waited for it asked it to end
 };

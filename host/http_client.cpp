@@ -19,7 +19,7 @@ using EasyHandle = std::unique_ptr<CURL, decltype(&curl_easy_cleanup)>;
 template <CURLoption option, typename Value>
 void Set(CURL* curl, Value value) {
   if (const CURLcode code = base::SetCurlOption<option>(curl, value); code != CURLE_OK) {
-    throw HttpError(std::string("libcurl refuses a setting: ") + curl_easy_strerror(code));
+    throw HttpError(std::string("libcurl rejected an option: ") + curl_easy_strerror(code));
   }
 }
 
@@ -103,12 +103,12 @@ void CheckProxy(CURL* curl, CURLcode code, const std::string& reason) {
     throw ProxyError(error, std::string("the proxy ") + what + ": " + reason);
   };
   if (IsAuthentication(tunnel) || refusal == CURLPX_USER_REJECTED || refusal == CURLPX_NO_AUTH) {
-    fail(SOCK_PROXY_AUTH_REQUIRED, "refuses the user name or password");
+    fail(SOCK_PROXY_AUTH_REQUIRED, "rejected the user name or password");
   }
-  if (code == CURLE_COULDNT_RESOLVE_PROXY) fail(SOCK_PROXY_NOT_FOUND, "is not known");
+  if (code == CURLE_COULDNT_RESOLVE_PROXY) fail(SOCK_PROXY_NOT_FOUND, "cannot be found");
   if (code == CURLE_COULDNT_CONNECT) fail(SOCK_PROXY_CONNECTION_REFUSED, "cannot be reached");
   if (code == CURLE_PROXY || (tunnel != 0 && tunnel / 100 != 2)) {
-    fail(SOCK_PROXY_PROTOCOL_ERROR, "does not pass the request on");
+    fail(SOCK_PROXY_PROTOCOL_ERROR, "did not forward the request");
   }
 }
 
@@ -141,7 +141,7 @@ HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fiel
   constexpr long kProxyAuthenticationRequired = 407;
   if (response.status == kProxyAuthenticationRequired) {
     throw ProxyError(SOCK_PROXY_AUTH_REQUIRED,
-                     "the proxy refuses the user name or password: HTTP 407");
+                     "the proxy rejected the user name or password: HTTP 407");
   }
   const char* type = nullptr;
   curl_easy_getinfo(curl.get(), CURLINFO_CONTENT_TYPE, &type);

@@ -21,7 +21,7 @@ std::string LoaderError() {
 
 Failure LoadFailure(const std::string& reason) {
   return Failure(FailureKind::kModule, "the module cannot be loaded: " + reason,
-                 "give its place with --module");
+                 "name the file with --module");
 }
 
 template <typename Function>
@@ -60,7 +60,7 @@ void ModuleLibrary::CheckProtocol() const {
   Resolve(library_.get(), "FreeP", free_text);
   const std::unique_ptr<char, decltype(free_text)> name(support_protocol(nullptr), free_text);
   if (!name || std::string(name.get()) != kProtocolName) {
-    throw LoadFailure("it serves another protocol");
+    throw LoadFailure("it implements another protocol");
   }
 }
 

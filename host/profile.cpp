@@ -43,7 +43,7 @@ bool IsProfileName(const std::string& name) {
 
 std::filesystem::path ProfileFile(const std::string& name) {
   if (!IsProfileName(name)) {
-    throw Failure(FailureKind::kUsage, "a profile name must not look like that",
+    throw Failure(FailureKind::kUsage, "invalid profile name",
                   "use letters, digits, '.', '_' and '-'");
   }
   std::filesystem::path folder = AbsolutePathFrom("XDG_STATE_HOME");

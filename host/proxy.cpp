@@ -95,7 +95,7 @@ ProxySettings ParseVariable(const char* name, const std::string& value, const st
     return ParseProxy(url, socks || scheme == "https");
   } catch (const Failure&) {
     throw Failure(FailureKind::kUsage,
-                  std::string("the environment's ") + name + " is not a supported proxy address",
+                  std::string(name) + " in the environment is not a supported proxy address",
                   std::string(kForms) + "; --proxy none turns it off");
   }
 }
@@ -113,7 +113,7 @@ ProxySettings ParseProxy(const std::string& url, bool tunnel) {
   } else if (scheme == "http") {
     proxy.type = tunnel ? "HTTP with TUNNEL" : "HTTP without TUNNEL";
   } else {
-    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
+    throw Failure(FailureKind::kUsage, "invalid proxy address", kForms);
   }
   if (!tunnel && scheme != "http") {
     throw Failure(FailureKind::kUsage, "--proxy-no-tunnel needs an http:// proxy");
@@ -122,7 +122,7 @@ ProxySettings ParseProxy(const std::string& url, bool tunnel) {
   const std::string path = parsed.Part(CURLUPART_PATH);
   if (proxy.host.empty() || (path != "/" && !path.empty()) ||
       !parsed.Part(CURLUPART_QUERY).empty()) {
-    throw Failure(FailureKind::kUsage, "the proxy address is not understood", kForms);
+    throw Failure(FailureKind::kUsage, "invalid proxy address", kForms);
   }
   const std::string port = parsed.Part(CURLUPART_PORT);
   proxy.port = port.empty() ? kDefaultPort

@@ -68,12 +68,11 @@ struct StatusMeaning {
 constexpr auto kMeanings = std::to_array<StatusMeaning>({
     {400, FailureKind::kRefused, "the service does not accept this name or request"},
     {401, FailureKind::kSignIn, "run 'onedrive4b login' again"},
-    {403, FailureKind::kDenied, "the account may not do this here"},
-    {404, FailureKind::kNotFound, "the item is gone; list the folder again"},
+    {403, FailureKind::kDenied, "the account has no permission for this"},
+    {404, FailureKind::kNotFound, "the item no longer exists; list the folder again"},
     {409, FailureKind::kConflict,
-     "an item of this name is there already, or another change is running"},
-    {412, FailureKind::kChanged,
-     "the item was changed by someone else in between; look at it again"},
+     "an item of this name already exists, or another change is in progress"},
+    {412, FailureKind::kChanged, "the item was changed by someone else; list the folder again"},
     {416, FailureKind::kChanged, "the file is shorter now; list the folder again"},
     {423, FailureKind::kLocked,
      "the item is locked, perhaps because it is open somewhere; try later"},
@@ -129,7 +128,7 @@ FailureKind KindOf(AERROR result, const ServiceError& error) {
 
 std::string AdviceFor(const ServiceError& error) {
   if (const StatusMeaning* meaning = MeaningOf(error.status)) return meaning->advice;
-  if (error.status >= 500) return "the service has trouble; try later";
+  if (error.status >= 500) return "the service reports a fault of its own; try later";
   if (error.throttled) return "the service asks for fewer requests; try later";
   return "";
 }

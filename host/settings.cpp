@@ -51,7 +51,7 @@ std::string DeviceUrl(const std::string& token_url) {
 
 void CheckSettings(const ServiceSettings& settings) {
   if (settings.client_id.empty()) {
-    throw Failure(FailureKind::kUsage, "no client id is known",
+    throw Failure(FailureKind::kUsage, "the client id is missing",
                   "give --client-id with the id under which your organisation registered the "
                   "program; the profile remembers it");
   }
@@ -72,7 +72,7 @@ ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   const auto document = base::ParseJsonObject(ReadSmallFile(file, kMostServiceFileBytes));
   if (!document) {
     throw Failure(FailureKind::kUsage,
-                  "the service file " + Quoted(file.string()) + " is no JSON object");
+                  "the service file " + Quoted(file.string()) + " is not a JSON object");
   }
   ServiceFile result;
   for (const ServiceSetting& setting : kServiceSettings) {
@@ -86,7 +86,7 @@ ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   result.refresh_token = base::TextMember(*document, "refresh_token").value_or("");
   if (result.settings.token_url.empty() || result.refresh_token.empty()) {
     throw Failure(FailureKind::kUsage, "the service file " + Quoted(file.string()) +
-                                           " lacks token_url or refresh_token");
+                                           " has no token_url or no refresh_token");
   }
   return result;
 }

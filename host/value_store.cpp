@@ -36,7 +36,7 @@ ValueStore::ValueStore(std::filesystem::path file) : file_(std::move(file)) {
   }
   if (damaged_) {
     warning_ = "the profile file " + Quoted(file_.string()) +
-               " is damaged and is not used; it will be kept beside the new one as " +
+               " is damaged and is ignored; the next change keeps it as " +
                Quoted(file_.string() + ".damaged");
   }
 }
