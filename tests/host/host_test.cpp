@@ -216,6 +216,30 @@ TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
             FailureKind::kSignIn);
 }
 
+TEST_F(AuthorizerTest, NobodyWaitsForAnythingOnceItIsCancelled) {
+  const DeviceLoginContext context{settings_, http_, cancellation_, log_, redactor_};
+  std::thread other;
+  const auto begin = std::chrono::steady_clock::now();
+  const auto kind = KindOf([&] {
+    LogInByDevice(context, [&](const std::string&, const std::string&) {
+      other = std::thread([&] { cancellation_.Raise(); });
+    });
+  });
+  other.join();
+  EXPECT_EQ(kind, FailureKind::kInterrupted);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(900));
+  const auto handle = std::make_shared<_FS_HANDLE>();
+  const Cancellation::Transfers late(cancellation_, {handle});
+  EXPECT_GT(handle->state, 2) << "a transfer that begins afterwards stops, too";
+  ValueStore store;
+  Profile profile(store, "p");
+  profile.KeepRefreshToken(service_.IssueRefreshToken());
+  service_.ClearRequests();
+  Authorizer authorizer({settings_, http_, profile, log_, redactor_, cancellation_});
+  EXPECT_EQ(Ask(authorizer, ""), "");
+  EXPECT_TRUE(service_.Requests().empty()) << "no token is spent";
+}
+
 TEST(Redaction, HidesSecretsAndLeavesTheRest) {
   Redactor redactor;
   redactor.AddSecret("s3cret");
