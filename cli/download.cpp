@@ -158,21 +158,21 @@ class Printer final : public IFetchCallback {
 
 }  // namespace
 
-void Download(const TransferContext& context, const RemoteItem& listed,
+void Download(const TransferContext& context, const RemoteItem& item,
               const std::filesystem::path& target) {
-  const RemoteItem item = WithTag(context, listed);
-  if (item.item.size < 0) {
+  const RemoteItem known = WithTag(context, item);
+  if (known.item.size < 0) {
     throw host::Failure(host::FailureKind::kFailed,
-                        host::Quoted(item.path) + " has an invalid size");
+                        host::Quoted(known.path) + " has an invalid size");
   }
   const Interrupts::Scope scope(context.interrupts);
-  DownloadTarget file(context.interrupts.temporary_files(), target, item.item.size);
-  Progress progress(item.path, item.item.size, context.options.quiet);
-  RangeQueue ranges(context, item, file, progress);
+  DownloadTarget file(context.interrupts.temporary_files(), target, known.item.size);
+  Progress progress(known.path, known.item.size, context.options.quiet);
+  RangeQueue ranges(context, known, file, progress);
   const host::Cancellation::Transfers transfers(context.interrupts.cancellation(),
                                                 ranges.handles());
   ranges.Run();
-  CheckUnchanged(context, item);
+  CheckUnchanged(context, known);
   context.interrupts.cancellation().Check();
   file.Commit();
   progress.Finish();

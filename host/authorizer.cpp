@@ -172,7 +172,7 @@ std::string Authorizer::AcceptTokens(const HttpResponse& response, BootClock::ti
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     const std::chrono::seconds life = SecondsMember(*tokens, "expires_in").value_or(kDefaultLife);
-    token_life_ = {asked, life > life.zero() ? life : kDefaultLife};
+    token_life_ = {asked, life > std::chrono::seconds::zero() ? life : kDefaultLife};
   }
   Json::Value reply(Json::objectValue);
   reply["results"] = *tokens;

@@ -4,6 +4,7 @@
 // Thrown from any thread; it owns its texts.
 #pragma once
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -41,17 +42,17 @@ class Failure : public std::runtime_error {
       : std::runtime_error(what),
         kind_(kind),
         error_number_(error_number),
-        advice_(std::move(advice)) {}
+        advice_(std::make_shared<const std::string>(std::move(advice))) {}
 
   FailureKind kind() const noexcept { return kind_; }
-  const std::string& advice() const noexcept { return advice_; }
+  const std::string& advice() const noexcept { return *advice_; }
   /// The system's, for kLocal; 0 when there is none.
   int error_number() const noexcept { return error_number_; }
 
  private:
   FailureKind kind_;
   int error_number_;
-  std::string advice_;
+  std::shared_ptr<const std::string> advice_;  ///< shared, because copying must not throw
 };
 
 /// "cannot <action> <path>: <the system's text for the error number>", as a kLocal failure.

@@ -82,8 +82,9 @@ constexpr auto kMeanings = std::to_array<StatusMeaning>({
 });
 
 const StatusMeaning* MeaningOf(int status) {
-  const auto* const found = std::find_if(kMeanings.begin(), kMeanings.end(),
-                                         [&](const auto& known) { return known.status == status; });
+  const auto* const found =
+      std::find_if(kMeanings.begin(), kMeanings.end(),
+                   [&](const StatusMeaning& known) { return known.status == status; });
   return found == kMeanings.end() ? nullptr : found;
 }
 
