@@ -30,7 +30,7 @@ struct SessionOptions {
   std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
 };
 
-/// What makes a failure of the module's operation `action`: the result's name and the error lines.
+/// The failure of the operation `action`, with the result's name and what the module logged.
 Failure DescribeFailure(const ModuleLibrary& module, AERROR result, const std::string& action,
                         const ErrorLines& errors);
 

@@ -41,7 +41,7 @@ bool Eventually(Condition condition) {
 /// guard of 3660 seconds stays: compared with it each of these tokens is gone at once.
 class SessionTest : public testing::Test {
  protected:
-  explicit SessionTest(seconds life = seconds(2)) : service_(Options(life)) {
+  explicit SessionTest(seconds life = seconds(3)) : service_(Options(life)) {
     settings_.token_url = service_.TokenUrl();
     settings_.client_id = service_.ClientId();
     settings_.discovery_url = service_.DiscoveryUrl();
@@ -127,7 +127,7 @@ class Callers {
 };
 
 TEST_F(SessionTest, EightLivesOfATokenPassWithoutARefusal) {
-  // The service drops fractions of a second, so a token of two seconds may live for one.
+  // The service drops fractions of a second, so a token of three seconds may live for two.
   const auto session = Start({.earliest = 0.3, .latest = 0.4});
   Callers callers(*session);
   EXPECT_TRUE(Eventually([&] { return sign_ins() >= 9 || !callers.failure().empty(); }));
