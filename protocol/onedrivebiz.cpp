@@ -103,6 +103,8 @@ AERROR OneDriveBiz::SetOpt(const char* key, const char* value) {
       resource_id_ = TextOrEmpty(value);
     } else if (is("upload_if_match")) {
       upload_if_match_ = std::strcmp(TextOrEmpty(value), "true") == 0;
+    } else if (is("upload_if_new")) {
+      upload_if_new_ = std::strcmp(TextOrEmpty(value), "true") == 0;
     }
     return SUCCESS;
   });

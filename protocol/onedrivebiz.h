@@ -183,6 +183,7 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // upload.cpp
 
+  bool MustBeNew(const _FS_FILE_V2& file) const;
   AERROR MakeUploadSession(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
                            const _FS_FILE_V2& file, UploadSession& session);
   AERROR SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle, ICacheIO* cache,
@@ -212,6 +213,7 @@ class OneDriveBiz : public IProtocol_V2 {
   std::atomic<std::thread::id> renewing_thread_{};
   std::string discovery_url_;
   bool upload_if_match_ = false;  // content replaces only the version that the record names
+  bool upload_if_new_ = false;    // content of a record that names no version replaces nothing
 };
 
 }  // namespace onedrive4b

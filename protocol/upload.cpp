@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "protocol/host_memory.h"
 #include "protocol/onedrivebiz.h"
 #include "protocol/request_headers.h"
 #include "protocol/response_json.h"
@@ -33,6 +34,9 @@ namespace {
 constexpr std::int64_t kLargestSimpleUpload = 104857599;
 constexpr std::uint64_t kLargestChunk = 10485760;
 constexpr long kLowSpeedTimeout = 60;  // seconds
+
+// What the service does when the name is taken.
+constexpr const char* kConflictBehavior = "@name.conflictBehavior";
 
 // Both requests of a large upload are logged under this name.
 constexpr const char* kUploadLargeItem = "UploadLargeItem";
@@ -131,6 +135,10 @@ AERROR OneDriveBiz::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handl
   });
 }
 
+bool OneDriveBiz::MustBeNew(const _FS_FILE_V2& file) const {
+  return upload_if_new_ && TextOrEmpty(file.eTag.get())[0] == '\0';
+}
+
 AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
                                      ICacheIO* cache, _FS_FILE_V2* file, char**) {
   const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
@@ -138,7 +146,7 @@ AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HAN
         GetUrl(parent) + ":/" + request->Escape(file->filename.c_str()) + ":/content";
     request->SetRequest("PUT");
     if (upload_if_match_) RequireMatch(*request, file->eTag);
-    Address(request, url);
+    Address(request, MustBeNew(*file) ? url + "?" + kConflictBehavior + "=fail" : url);
     __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s file [%s] length [%lld]", "operator()",
              file->filename.c_str(), static_cast<long long>(file->size));
     _UPLOAD_SOURCE source{0, handle, cache, static_cast<std::uint64_t>(file->size), 0};
@@ -166,6 +174,7 @@ AERROR OneDriveBiz::MakeUploadSession(const char* parent, const std::shared_ptr<
         GetUrl(parent) + ":/" + request->Escape(file.filename.c_str()) + ":/upload.createSession";
     JsonObject body = JsonObject::GetEmptyObject();
     body["item"]["name"] = file.filename;
+    if (MustBeNew(file)) body["item"][kConflictBehavior] = "fail";
     request->AddHeader("Content-Type", kJsonContent);
     if (upload_if_match_) RequireMatch(*request, file.eTag);
     Address(request, url);

@@ -186,6 +186,25 @@ TEST_F(UploadTest, AConditionGoesAlongWhereTheHostWantsIt) {
   }
 }
 
+TEST_F(UploadTest, NothingIsReplacedWhereTheHostWantsANewFile) {
+  const std::string new_only = "?@name.conflictBehavior=fail";
+  for (const bool on : {false, true}) {
+    for (const char* tag : {"E1", static_cast<const char*>(nullptr)}) {
+      SCOPED_TRACE(std::string(on ? "on" : "off") + (tag != nullptr ? ", a version known" : ""));
+      if (on) protocol->SetOpt("upload_if_new", "true");
+      etag = tag;
+      const bool asked = on && tag == nullptr;
+      service.AnswerOnly(kContent + (asked ? new_only : ""), Item(10));
+      EXPECT_EQ(Upload(10), SUCCESS);
+      service.AnswerOnly(kCreate, "{}", 409);
+      EXPECT_EQ(Upload(kSession), FILE_WRITE_FAILED);
+      EXPECT_EQ(Requests().back().body,
+                asked ? R"({"item":{"@name.conflictBehavior":"fail","name":"n"}})"
+                      : R"({"item":{"name":"n"}})");
+    }
+  }
+}
+
 // A limited upload that moves in bursts would stand still in between until it counts as stalled.
 TEST_F(UploadTest, ASpeedLimitKeepsPiecesShorterThanASecond) {
   std::size_t longest = 0;
