@@ -45,6 +45,10 @@ void Connection::SetOptions(const SessionOptions& options) const {
   set("option_fields",
       OptionFields(options.proxy.ForModule(DriveAddress(options.service)), options.show_shared));
   if (options.speed_limit > 0) set("speedlimit", std::to_string(options.speed_limit));
+  if (options.guard_uploads) {
+    set("upload_if_match", "true");
+    set("upload_if_new", "true");
+  }
   if (!options.service.discovery_url.empty()) set("discovery_url", options.service.discovery_url);
   if (!options.service.service_endpoint.empty()) {
     set("service_endpoint", options.service.service_endpoint);

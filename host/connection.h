@@ -28,6 +28,8 @@ struct SessionOptions {
   ProxyRule proxy = ProxyRule::None();
   bool show_shared = true;
   std::int64_t speed_limit = 0;  ///< bytes per second of each transfer; 0: none
+  /// Uploads replace only the version whose tag they name, and nothing when they name none.
+  bool guard_uploads = false;
 };
 
 /// The failure of the operation `action`, with the result's name and what the module logged.

@@ -23,6 +23,7 @@ enum class FailureKind {
   kChanged,      ///< the item is no longer the one that the caller knew (412, 416)
   kLocked,       ///< somebody has the item open (423)
   kQuota,        ///< the drive is full (507)
+  kTooLarge,     ///< the service takes no files of this size (413)
   kThrottled,    ///< the service asks for fewer requests (429, 503)
   kTrouble,      ///< the service has a fault of its own (other 5xx)
   kUnreachable,  ///< no answer came: no connection, time-out, a broken transfer

@@ -128,11 +128,14 @@ void ItemClient::Read(const ReadRequest& request, IFetchCallback& to,
 Item ItemClient::Upload(const UploadRequest& request, ICacheIO& from,
                         const std::string& shown) const {
   const NewPlace& place = request.place;
+  Item version;
+  version.name = place.name;
+  version.size = request.size;
+  version.etag = request.etag;
   _FS_FILE_V2 record;
   const std::string action = "uploading " + Quoted(shown) + " to " + Quoted(place.shown);
   session_.Call(action, [&](IProtocol_V2& protocol) {
-    record.filename = place.name;
-    record.size = request.size;
+    record = ToRecord(version);
     return protocol.Upload(place.folder_id.c_str(), request.handle, &from, &record, UPLOAD_FLAG{},
                            nullptr);
   });

@@ -41,6 +41,7 @@ struct UploadRequest {
   NewPlace place;
   std::int64_t size = 0;
   std::shared_ptr<_FS_HANDLE> handle;  ///< as for ReadRequest
+  std::string etag = {};               ///< of the version that it replaces (guard_uploads)
 };
 
 class ItemClient {

@@ -1,5 +1,7 @@
 #include "host/log.h"
 
+#include <utility>
+
 #include "host/text.h"
 
 namespace host {
@@ -7,7 +9,11 @@ namespace {
 
 constexpr std::size_t kMostErrorLines = 20;
 
+// The module's line when the service has asked for fewer requests and it is going to wait.
+constexpr std::string_view kWaiting = "time(s) backoff left";
+
 thread_local ErrorLines* collector = nullptr;
+thread_local int waits = 0;
 
 }  // namespace
 
@@ -15,7 +21,12 @@ ErrorLines::ErrorLines() noexcept : outer_(collector) { collector = this; }
 
 ErrorLines::~ErrorLines() { collector = outer_; }
 
+int TakeWaits() noexcept { return std::exchange(waits, 0); }
+
 void Log::Write(LOGLEVEL level, const char* format, std::va_list arguments) {
+  if (format != nullptr && std::string_view(format).find(kWaiting) != std::string_view::npos) {
+    ++waits;
+  }
   if (format == nullptr || (level != LOGLEVEL_ERROR && !sink_.Wants(level))) return;
   Line(level, FormattedV(format, arguments));
 }

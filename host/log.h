@@ -47,6 +47,10 @@ class ErrorLines {
   std::vector<std::string> lines_;
 };
 
+/// How often, since the last call, operations of the calling thread have waited because the service
+/// asked for fewer requests.
+int TakeWaits() noexcept;
+
 class Log final : public ILog {
  public:
   Log(LogSink& sink, const Redactor& redactor) : sink_(sink), redactor_(redactor) {}

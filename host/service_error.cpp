@@ -73,6 +73,7 @@ constexpr auto kMeanings = std::to_array<StatusMeaning>({
     {409, FailureKind::kConflict,
      "an item of this name already exists, or another change is in progress"},
     {412, FailureKind::kChanged, "the item was changed by someone else; list the folder again"},
+    {413, FailureKind::kTooLarge, "the service takes no files of this size"},
     {416, FailureKind::kChanged, "the file is shorter now; list the folder again"},
     {423, FailureKind::kLocked,
      "the item is locked, perhaps because it is open somewhere; try later"},

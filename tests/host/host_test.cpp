@@ -302,6 +302,7 @@ TEST(ServiceError, IsReadFromTheLinesOfTheOperation) {
            {{"[PROTOCOL  ] Rename >> HTTP 409"}, FAILED, 409, FailureKind::kConflict},
            {{"[PROTOCOL  ] Upload >> HTTP 412"}, FAILED, 412, FailureKind::kChanged},
            {{"[PROTOCOL  ] Upload >> HTTP 423"}, FAILED, 423, FailureKind::kLocked},
+           {{"[PROTOCOL  ] Upload >> HTTP 413"}, FAILED, 413, FailureKind::kTooLarge},
            {{"[PROTOCOL  ] Upload >> HTTP 507"}, FAILED, 507, FailureKind::kQuota},
            {{"[PROTOCOL  ] Upload >> HTTP 502"}, FAILED, 502, FailureKind::kTrouble},
            {{"[PROTOCOL  ] X >> Couldn't connect to server"}, FAILED, 0, FailureKind::kUnreachable},
