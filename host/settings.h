@@ -52,8 +52,8 @@ void SetAuthority(ServiceSettings& settings, std::string authority);
 /// Where a device login starts: beside the token address. Empty when that has another form.
 std::string DeviceUrl(const std::string& token_url);
 
-/// Throws a kUsage Failure naming the setting that is missing, is not an http or https URL, or would send
-/// tokens unencrypted to another machine.
+/// Throws a kUsage Failure naming the setting that is missing, is not an http or https URL, or
+/// would send tokens unencrypted to another machine.
 void CheckSettings(const ServiceSettings& settings);
 
 /// What a running service wrote about itself: its settings and a refresh token.

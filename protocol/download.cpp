@@ -173,7 +173,7 @@ AERROR OneDriveBiz::Read(const char* id, std::int64_t offset, std::int64_t lengt
     const AERROR result = Query("Read", step,
                                 {.by_status = {{kAnyStatus, handler}},
                                  .curl_errors = {{CURLE_WRITE_ERROR, READ_CANCELED}},
-                                 .stop = StopOf(handle)});
+                                 .stop = StopOf(*handle)});
     // The host's word ends waits and silent transfers, too, which fail for reasons of their own.
     return result == FAILED && IsStopped(*handle) ? READ_CANCELED : result;
   });

@@ -155,7 +155,7 @@ AERROR OneDriveBiz::UploadSimpleItem(const char* parent, std::shared_ptr<_FS_HAN
     return Send(*request, source, speedlimit_);
   };
   return Query("UploadSimpleItem", step,
-               {.by_class = {{200, ItemHandler(parent, file)}}, .stop = StopOf(handle)});
+               {.by_class = {{200, ItemHandler(parent, file)}}, .stop = StopOf(*handle)});
 }
 
 AERROR OneDriveBiz::UploadLargeItem(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
@@ -182,7 +182,7 @@ AERROR OneDriveBiz::MakeUploadSession(const char* parent, const std::shared_ptr<
     return request->PerformPost(body.ToText());
   };
   const StatusHandler made([&](_CURLRTN& exchange) { return TakeSession(exchange, session); }, "");
-  return Query(kUploadLargeItem, step, {.by_class = {{200, made}}, .stop = StopOf(handle)});
+  return Query(kUploadLargeItem, step, {.by_class = {{200, made}}, .stop = StopOf(*handle)});
 }
 
 AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HANDLE>& handle,
@@ -218,7 +218,7 @@ AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HAN
   return Query(kUploadLargeItem, step,
                {.by_class = {{200, unexpected}, {300, unexpected}},
                 .by_status = {{200, stored}, {201, stored}, {202, accepted}},
-                .stop = StopOf(handle)});
+                .stop = StopOf(*handle)});
 }
 
 }  // namespace onedrive4b

@@ -168,7 +168,8 @@ _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   result.errmsg = errorbuffer.data();
   CURL* handle = curl.get();
   // Each connection that had to be made may have taken the place of one that was closed. A handle
-  // whose transfer failed, inside the headers of an answer for instance, is not trusted with another.
+  // whose transfer failed, inside the headers of an answer for instance, is not trusted with
+  // another.
   handle_is_used_up = result.curlcode != CURLE_OK || GetInfo(handle, CURLINFO_NUM_CONNECTS, 0L) > 0;
   if (result.curlcode != CURLE_OK) return result;
 

@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
-#include <utility>
 
 #include "onedrive4b/records.h"
 #include "support/steady_time.h"
@@ -18,9 +16,9 @@ inline bool IsStopped(_FS_HANDLE& handle) {
   return std::atomic_ref(handle.state).load(std::memory_order_relaxed) > kLastRunningState;
 }
 
-/// Says when the host tells the transfer to stop.
-inline StopSignal StopOf(std::shared_ptr<_FS_HANDLE> handle) {
-  return [handle = std::move(handle)] { return IsStopped(*handle); };
+/// True once the host has told the transfer to stop. The record must outlive the signal.
+inline StopSignal StopOf(_FS_HANDLE& handle) {
+  return [&handle] { return IsStopped(handle); };
 }
 
 inline void SetPosition(_FS_HANDLE& handle, std::uint64_t offset) {
