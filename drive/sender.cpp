@@ -1,0 +1,614 @@
+#include "drive/sender.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <unistd.h>
+
+#include "drive/merge.h"
+#include "drive/names.h"
+
+namespace drive {
+namespace {
+
+constexpr int kStepsAtATime = 3;
+constexpr std::chrono::minutes kFirstRetry{1};
+constexpr int kMostDoublings = 6;  // 64 minutes
+
+/// Failures that say nothing about the change itself.
+bool IsPassing(Trouble trouble) {
+  return trouble == Trouble::kThrottled || trouble == Trouble::kUnreachable ||
+         trouble == Trouble::kSignedOut || trouble == Trouble::kStopped;
+}
+
+RemoteItem ToRemote(const Item& item) {
+  return {.id = item.id, .name = item.base.name, .kind = item.kind, .etag = item.etag};
+}
+
+}  // namespace
+
+// Choosing. -----------------------------------------------------------------------------------
+
+void Sender::Tick() {
+  again_ = true;
+  Pass();
+}
+
+void Sender::Pass() {
+  idle_ = false;
+  if (core_.stopping || core_.options.read_only) return;
+  if (core_.connection.offline()) return;
+  const FileTime now = core_.clock.Now();
+  if (core_.connection.calm_until() > now) return core_.work.WakeAt(core_.connection.calm_until());
+  std::optional<FileTime> next;
+  Plan plan(core_, urgent_);
+  while (running_ < kStepsAtATime) {
+    if (queue_.empty()) {
+      if (!std::exchange(again_, false)) break;
+      for (const Item& item : core_.catalog.Pending()) queue_.push_back(item.number);
+      if (queue_.empty()) break;
+    }
+    const std::optional<Item> item = core_.catalog.Find(queue_.front());
+    queue_.pop_front();
+    if (!item) continue;
+    const Readiness ready = plan.Of(*item);
+    if (ready.step) Start(*ready.step);
+    if (ready.at) next = std::min(next.value_or(*ready.at), *ready.at);
+  }
+  if (next) core_.work.WakeAt(*next);
+  idle_ = running_ == 0 && queue_.empty() && !again_;
+  core_.work.Changed();
+}
+
+void Sender::Start(const Step& step) {
+  ++running_;
+  core_.busy.insert(step.item.number);
+  Task task{.step = step};
+  if (const auto folder = core_.catalog.Find(step.to.parent)) task.folder_id = folder->id;
+  core_.work.Submit(Lane::kSend, [this, task](std::stop_token stop) mutable {
+    task.stop = std::move(stop);
+    Run(std::move(task));
+  });
+}
+
+void Sender::Run(Task task) {
+  std::optional<RemoteError> failure;
+  try {
+    switch (task.step.kind) {
+      case StepKind::kMakeFolder:
+        MakeFolder(task);
+        break;
+      case StepKind::kUpload:
+        Upload(task);
+        break;
+      case StepKind::kRelocate:
+        Relocate(task);
+        break;
+      case StepKind::kDelete:
+        Delete(task);
+        break;
+    }
+  } catch (const RemoteError& error) {
+    failure = error;
+  } catch (const Error& error) {
+    failure = RemoteError(Trouble::kFailed, error.what());
+  }
+  if (failure) HandleTrouble(task, *failure);
+  const Lock lock(core_.mutex);
+  if (!failure) core_.Answered();
+  Finish(task.step);
+}
+
+void Sender::Finish(const Step& step) {
+  const ItemNumber owner = OwnerOf(step.item.number);
+  for (const ItemNumber number : {step.item.number, owner}) {
+    if (const auto found = core_.busy.find(number); found != core_.busy.end()) {
+      core_.busy.erase(found);
+    }
+    if (owner == step.item.number) break;
+  }
+  core_.heirs.erase(step.item.number);
+  // Removed meanwhile, and nothing of it reached the service.
+  for (const ItemNumber number : {step.item.number, owner}) {
+    const std::optional<Item> item = core_.catalog.Find(number);
+    if (!item || !item->IsRemoved() || item->IsSent() || core_.busy.contains(number) ||
+        core_.contents->IsOpen(number)) {
+      continue;
+    }
+    Change change(core_);
+    core_.contents->Forget(change, *item);
+    core_.catalog.Erase(number);
+    change.Commit();
+  }
+  uploads_.erase(step.item.number);
+  --running_;
+  again_ = true;
+  Pass();
+}
+
+/// The item that the answer of a step belongs to.
+ItemNumber Sender::OwnerOf(ItemNumber number) const {
+  const auto heir = core_.heirs.find(number);
+  return heir == core_.heirs.end() ? number : heir->second;
+}
+
+bool Sender::Sync(Lock& lock, std::chrono::milliseconds time, std::stop_token stop) {
+  const FileTime until = core_.clock.Now() + time;
+  for (Item item : core_.catalog.RefusedItems()) {
+    item.refusal.retry = {};
+    Change change(core_);
+    core_.catalog.Put(item);
+    change.Commit();
+  }
+  urgent_ = true;
+  Tick();
+  bool done = false;
+  while (!stop.stop_requested() && core_.clock.Now() < until) {
+    done = core_.catalog.CountPending().items == 0;
+    const bool stuck =
+        idle_ && !core_.connection.offline() && core_.catalog.RefusedItems().size() > 0;
+    if (done || stuck) break;
+    core_.work.Wait(lock, until, stop);
+  }
+  urgent_ = false;
+  return done;
+}
+
+// Failures. -----------------------------------------------------------------------------------
+
+void Sender::HandleTrouble(const Task& task, const RemoteError& failure) {
+  {
+    const Lock lock(core_.mutex);
+    core_.Failed(failure);
+  }
+  if (IsPassing(failure.trouble())) return;
+  RemoteError reason = failure;
+  try {
+    switch (failure.trouble()) {
+      case Trouble::kNameTaken:
+        return SolveTaken(task, nullptr);
+      case Trouble::kNotFound:
+      case Trouble::kChanged:
+        return SolveMissing(task);
+      default:
+        break;
+    }
+  } catch (const RemoteError& second) {
+    const Lock lock(core_.mutex);
+    core_.Failed(second);
+    if (IsPassing(second.trouble())) return;
+    reason = second;
+  } catch (const Error& second) {
+    reason = RemoteError(Trouble::kFailed, second.what());
+  }
+  const Lock lock(core_.mutex);
+  Refuse(OwnerOf(task.step.item.number), reason.what());
+}
+
+void Sender::Refuse(ItemNumber number, const std::string& reason) {
+  std::optional<Item> item = core_.catalog.Find(number);
+  if (!item) return;
+  const FileTime now = core_.clock.Now();
+  Refusal& refusal = item->refusal;
+  if (refusal.reason.empty()) refusal.since = now;
+  refusal.reason = reason.empty() ? "refused" : reason;
+  refusal.retry = now + kFirstRetry * (1 << std::min(refusal.attempts, kMostDoublings));
+  ++refusal.attempts;
+  Change change(core_);
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
+/// The item, or the folder that it is to go to, is not what the catalog says.
+void Sender::SolveMissing(const Task& task) {
+  for (const ItemNumber number : {task.step.item.number, task.step.to.parent}) {
+    Lock lock(core_.mutex);
+    std::optional<Item> item = core_.catalog.Find(OwnerOf(number));
+    if (!item || !item->IsSent() || item->number == kTop) continue;
+    const Answers::Question question = core_.answers.Ask();
+    lock.unlock();
+    std::optional<RemoteItem> remote;
+    std::optional<RemoteError> failure;
+    try {
+      remote = core_.remote.Describe(item->id);
+    } catch (const RemoteError& error) {
+      if (error.trouble() != Trouble::kNotFound) failure = error;
+    }
+    lock.lock();
+    core_.answers.End(question);
+    if (failure) throw RemoteError(*failure);
+    const std::string id = item->id;
+    item = core_.catalog.Find(OwnerOf(number));
+    if (!item || item->id != id) continue;
+    Change change(core_);
+    Merge merge(change);
+    if (remote) {
+      merge.Update(*item, *remote);
+      if (item->base.name != remote->name && NameKey(item->base.name) != NameKey(remote->name)) {
+        // Renamed elsewhere: where nothing was renamed here, the next listing tells.
+        item->base.name = remote->name;
+      }
+      core_.catalog.Put(*item);
+    } else {
+      merge.Gone(*std::move(item));
+    }
+    change.Commit();
+  }
+}
+
+/// Makes the service's `remote` the item's own. False: another item has it.
+bool Sender::TakeIdentity(Change& change, Item& item, const RemoteItem& remote) {
+  if (std::optional<Item> other = core_.catalog.FindId(remote.id);
+      other && other->number != item.number) {
+    // A listing was faster, and took it for somebody else's.
+    if (other->IsPending() || other->IsFolder()) return false;
+    core_.contents->Forget(change, *other);
+    core_.catalog.Erase(other->number);
+    change.EntryGone(other->place, other->number);
+  }
+  item.id = remote.id;
+  item.etag = remote.etag;
+  item.base_size = remote.size;
+  item.base_modified = remote.modified;
+  core_.answers.Told(remote.id);
+  return true;
+}
+
+/// Something that is not known here, or not known to be there, has the name.
+void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
+  const Place& place = task.step.to;
+  Listing listing{.folder = place.parent};
+  {
+    const Lock lock(core_.mutex);
+    listing.question = core_.answers.Ask();
+  }
+  std::optional<RemoteError> failure;
+  try {
+    listing.items = core_.remote.List(task.folder_id);
+  } catch (const RemoteError& error) {
+    failure = error;
+  }
+  const std::string key = NameKey(place.name);
+  const auto entry =
+      std::find_if(listing.items.begin(), listing.items.end(),
+                   [&](const RemoteItem& item) { return NameKey(item.name) == key; });
+  const bool same = !failure && frozen != nullptr && entry != listing.items.end() &&
+                    IsSame(*frozen, *entry, task.stop);
+  const Lock lock(core_.mutex);
+  core_.answers.End(listing.question);
+  if (failure) throw RemoteError(*failure);
+  if (entry == listing.items.end() || core_.answers.ToldSince(entry->id, listing.question)) return;
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item) return;
+  Change change(core_);
+  Merge merge(change);
+  std::optional<Item> known = core_.catalog.FindId(entry->id);
+  if (known && known->number != item->number) {
+    // It got this name elsewhere; the listing's next merge would say so, too.
+    if (core_.busy.contains(known->number)) return;
+    const bool follows = !known->IsRemoved() && known->place == known->base;
+    known->base = {.parent = place.parent, .name = entry->name};
+    core_.catalog.Put(*known);
+    if (follows && item->place == place) {
+      merge.StepAside(*item, false);
+      const Place old = std::exchange(known->place, known->base);
+      change.EntryGone(old, known->number);
+      change.EntryChanged(known->place);
+      core_.catalog.Put(*known);
+    }
+  } else if (known) {
+    item->base = {.parent = place.parent, .name = entry->name};
+    core_.catalog.Put(*item);
+  } else if (!item->IsSent() && (same || (item->IsFolder() && entry->kind == Kind::kFolder))) {
+    // An earlier request of ours reached the service and its answer did not reach us, or two
+    // people made the same.
+    TakeIdentity(change, *item, *entry);
+    item->base = {.parent = place.parent, .name = place.name};
+    item->copy_etag = entry->etag;
+    if (item->IsFolder()) item->listed = {};
+    core_.catalog.Put(*item);
+  } else if (!item->IsRemoved() && item->place == place) {
+    merge.StepAside(*item, false);
+    merge.Insert(core_.catalog.Get(place.parent), *entry);
+  }
+  change.Commit();
+}
+
+// Folders, places, removals. ------------------------------------------------------------------
+
+void Sender::MakeFolder(const Task& task) {
+  const RemoteItem made = core_.remote.MakeFolder(task.folder_id, task.step.to.name);
+  const Lock lock(core_.mutex);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item) return;
+  Change change(core_);
+  if (!TakeIdentity(change, *item, made)) return;
+  item->base = task.step.to;
+  item->refusal = {};
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
+void Sender::Relocate(const Task& task) {
+  const Item& before = task.step.item;
+  const Place& to = task.step.to;
+  const RemoteItem moved = to.parent == before.base.parent
+                               ? core_.remote.Rename(ToRemote(before), to.name)
+                               : core_.remote.Move(ToRemote(before), task.folder_id, to.name);
+  const Lock lock(core_.mutex);
+  core_.answers.Told(before.id);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(before.number));
+  if (!item || item->id != before.id) return;
+  Change change(core_);
+  item->base = to;
+  item->refusal = {};
+  if (!moved.etag.empty()) core_.contents->Retag(change, *item, moved.etag);
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
+void Sender::Delete(const Task& task) {
+  const Item& before = task.step.item;
+  std::optional<RemoteItem> remote;
+  try {
+    remote = core_.remote.Describe(before.id);
+  } catch (const RemoteError& error) {
+    if (error.trouble() != Trouble::kNotFound) throw;
+  }
+  if (remote) {
+    const bool seen = before.IsFolder()
+                          ? TreeIsAsRemoved(before)
+                          : IsVersion(*remote, before.etag, before.base_size, before.base_modified);
+    if (!seen) {
+      const Lock lock(core_.mutex);
+      std::optional<Item> item = core_.catalog.Find(OwnerOf(before.number));
+      if (!item || item->id != before.id || !item->IsRemoved()) return;
+      Change change(core_);
+      BringBack(change, *std::move(item), &*remote);
+      change.Commit();
+      return;
+    }
+    try {
+      RemoteItem item = ToRemote(before);
+      item.etag = remote->etag;
+      core_.remote.Delete(item);
+    } catch (const RemoteError& error) {
+      if (error.trouble() != Trouble::kNotFound) throw;
+    }
+  }
+  const Lock lock(core_.mutex);
+  Change change(core_);
+  const std::optional<Item> item = core_.catalog.Find(OwnerOf(before.number));
+  if (item && item->id == before.id) EraseTree(change, *item);
+  change.Commit();
+}
+
+/// Lists the removed folder and all below it. False: somebody has put something in, or changed
+/// something; the folders above that are back in the tree then.
+bool Sender::TreeIsAsRemoved(const Item& folder) {
+  const std::vector<RemoteItem> entries = core_.remote.List(folder.id);
+  for (const RemoteItem& entry : entries) {
+    std::optional<Item> item;
+    {
+      const Lock lock(core_.mutex);
+      item = core_.catalog.FindId(entry.id);
+    }
+    if (!item || !item->IsRemoved()) return false;
+    const bool same = item->IsFolder()
+                          ? TreeIsAsRemoved(*item)
+                          : IsVersion(entry, item->etag, item->base_size, item->base_modified);
+    if (!same) {
+      const Lock lock(core_.mutex);
+      item = core_.catalog.FindId(entry.id);
+      if (!item || !item->IsRemoved()) return false;
+      Change change(core_);
+      BringBack(change, *std::move(item), &entry);
+      change.Commit();
+      return false;
+    }
+  }
+  return true;
+}
+
+/// The removed item stands in the tree again, where the service has it.
+void Sender::BringBack(Change& change, Item item, const RemoteItem* remote) {
+  std::optional<Item> folder = core_.catalog.Find(item.base.parent);
+  if (!folder) return;
+  if (folder->IsRemoved()) {
+    BringBack(change, *folder, nullptr);
+    folder = core_.catalog.Find(item.base.parent);
+    if (!folder || folder->IsRemoved()) return;
+  }
+  core_.contents->Drop(change, item);
+  item.place = item.base;
+  if (core_.catalog.FindEntry(item.place.parent, item.place.name)) {
+    item.place = core_.FreeConflictPlace(item.base.parent, item.base.name);
+  }
+  item.refusal = {};
+  if (remote != nullptr) {
+    item.etag = remote->etag;
+    item.size = item.base_size = remote->size;
+    item.modified = item.base_modified = remote->modified;
+  }
+  if (item.IsFolder()) item.listed = {};
+  core_.catalog.Put(item);
+  change.EntryChanged(item.place);
+}
+
+/// The service removed the item with all that was in it.
+void Sender::EraseTree(Change& change, const Item& item) {
+  for (const Item& child : core_.catalog.BaseEntries(item.number)) {
+    if (child.IsRemoved()) EraseTree(change, child);
+  }
+  core_.answers.Told(item.id);
+  Item rest = item;
+  rest.id.clear();
+  rest.base = {};
+  core_.catalog.Put(rest);
+  if (core_.contents->IsOpen(item.number)) return;  // its end erases it
+  core_.contents->Forget(change, rest);
+  core_.catalog.Erase(item.number);
+}
+
+// Uploads. ------------------------------------------------------------------------------------
+
+void Sender::Upload(const Task& task) {
+  std::optional<FrozenCopy> frozen;
+  {
+    const Lock lock(core_.mutex);
+    const std::optional<Item> item = core_.catalog.Find(task.step.item.number);
+    // It may have been moved or removed since it was chosen: then it is chosen anew.
+    if (!item || item->place != task.step.to || !item->dirty || item->id != task.step.item.id) {
+      return;
+    }
+    frozen = core_.contents->Freeze(*item);
+    if (!frozen) return core_.work.WakeAt(core_.clock.Now() + std::chrono::seconds(1));
+  }
+  std::optional<RemoteItem> sent;
+  std::optional<RemoteError> failure;
+  try {
+    if (::fdatasync(frozen->fd->get()) != 0) {
+      throw RemoteError(Trouble::kFailed, "the local copy cannot be written to the disk");
+    }
+    const std::string etag = task.step.item.IsSent() ? TagToReplace(task.step.item) : "";
+    sent = SendContent(task, *frozen, etag);
+  } catch (const RemoteError& error) {
+    failure = error;
+    try {
+      const bool changed = error.trouble() == Trouble::kChanged && task.step.item.IsSent();
+      const bool taken = error.trouble() == Trouble::kNameTaken;
+      if (changed || taken) {
+        changed ? SolveChanged(task, *frozen) : SolveTaken(task, &*frozen);
+        failure.reset();
+      }
+    } catch (const RemoteError& second) {
+      failure = second;
+    }
+  }
+  if (sent) return TakeUpload(task, *frozen, *sent);
+  {
+    const Lock lock(core_.mutex);
+    core_.contents->Thaw(*frozen);
+    core_.contents->Release(frozen->content);
+  }
+  if (failure) throw RemoteError(*failure);
+}
+
+/// The tag of the version that the changes were made to. Throws kChanged when the service is known
+/// to have another.
+std::string Sender::TagToReplace(const Item& item) {
+  if (!item.copy_etag.empty()) {
+    if (item.copy_etag == item.etag) return item.etag;
+    throw RemoteError(Trouble::kChanged, "the file was changed at the service");
+  }
+  // Listings of shared items carry no tags.
+  const RemoteItem now = core_.remote.Describe(item.id);
+  if (!IsVersion(now, item.etag, item.base_size, item.base_modified)) {
+    throw RemoteError(Trouble::kChanged, "the file was changed at the service");
+  }
+  return now.etag;
+}
+
+RemoteItem Sender::SendContent(const Task& task, const FrozenCopy& frozen,
+                               const std::string& etag) {
+  const ItemNumber number = task.step.item.number;
+  {
+    const Lock lock(core_.mutex);
+    uploads_[number] = {
+        .path = core_.PathOf(task.step.to), .upload = true, .done = 0, .total = frozen.size};
+  }
+  const PieceSource source = [&](std::int64_t offset, std::span<char> to) {
+    const ssize_t got = ::pread(frozen.fd->get(), to.data(), to.size(), offset);
+    if (got <= 0) throw RemoteError(Trouble::kFailed, "the local copy cannot be read");
+    const Lock lock(core_.mutex);
+    uploads_[number].done = offset + got;
+    return static_cast<std::size_t>(got);
+  };
+  return core_.remote.Upload(
+      {.folder_id = task.folder_id, .name = task.step.to.name, .size = frozen.size, .etag = etag},
+      source, task.stop);
+}
+
+void Sender::TakeUpload(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent) {
+  const Lock lock(core_.mutex);
+  const bool clean = core_.contents->Thaw(frozen);
+  const bool taken = TakeUploaded(task, frozen, sent, clean);
+  if (!taken || !clean) core_.contents->Release(frozen.content);
+}
+
+/// The item is as the service has it now. `clean`: nothing was written since the upload began.
+bool Sender::TakeUploaded(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent,
+                          bool clean) {
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item) return false;
+  Change change(core_);
+  if (!TakeIdentity(change, *item, sent)) return false;
+  item->base = task.step.to;
+  item->refusal = {};
+  item->copy_etag = sent.etag;
+  if (clean && item->number == task.step.item.number && item->dirty) {
+    if (sent.size == frozen.size) {
+      core_.contents->MarkClean(change, *item);
+    } else {
+      // The service has rewritten it, as it does with some office documents.
+      core_.contents->Drop(change, *item);
+      item->size = sent.size;
+    }
+  }
+  core_.catalog.Put(*item);
+  change.Commit();
+  return true;
+}
+
+bool Sender::IsSame(const FrozenCopy& frozen, const RemoteItem& remote, std::stop_token stop) {
+  if (remote.kind != Kind::kFile || remote.size != frozen.size) return false;
+  bool same = true;
+  std::int64_t seen = 0;
+  std::vector<char> ours;
+  const PieceSink compare = [&](std::int64_t offset, std::span<const char> piece) {
+    ours.resize(piece.size());
+    const ssize_t got = ::pread(frozen.fd->get(), ours.data(), ours.size(), offset);
+    same = same && got == std::ssize(piece) && std::equal(piece.begin(), piece.end(), ours.begin());
+    seen = std::max(seen, offset + std::ssize(piece));
+  };
+  if (remote.size > 0) core_.remote.Read(remote.id, 0, remote.size, compare, stop);
+  if (!same || seen != remote.size) return false;
+  const RemoteItem after = core_.remote.Describe(remote.id);
+  return IsVersion(after, remote.etag, remote.size, remote.modified);
+}
+
+/// The service has another version than the one that was changed here.
+void Sender::SolveChanged(const Task& task, const FrozenCopy& frozen) {
+  RemoteItem remote;
+  try {
+    remote = core_.remote.Describe(task.step.item.id);
+  } catch (const RemoteError& error) {
+    if (error.trouble() != Trouble::kNotFound) throw;
+    const Lock lock(core_.mutex);
+    std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+    if (!item || item->id != task.step.item.id) return;
+    Change change(core_);
+    Merge(change).Gone(*std::move(item));
+    change.Commit();
+    return;
+  }
+  const bool same = IsSame(frozen, remote, task.stop);
+  const Lock lock(core_.mutex);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item || item->id != task.step.item.id) return;
+  Change change(core_);
+  core_.answers.Told(remote.id);
+  if (same) {
+    // An earlier upload of ours arrived, and its answer did not.
+    item->etag = remote.etag;
+    item->base_size = remote.size;
+    item->base_modified = remote.modified;
+    item->copy_etag = remote.etag;
+    core_.catalog.Put(*item);
+  } else if (!item->IsRemoved()) {
+    Merge(change).Split(*std::move(item), remote);
+  }
+  change.Commit();
+}
+
+}  // namespace drive

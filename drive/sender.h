@@ -1,0 +1,79 @@
+// Sender: sends the changes. Looks at the items that have some, lets those that may go out do so, a
+// few at a time, and takes the answers into the catalog.
+//
+// What the service refuses is noted with the item and tried again at growing intervals. What meets
+// somebody else's change ends in two versions, never in one that is lost.
+//
+// Threads: everything needs the core's lock, except the steps, which run as tasks.
+#pragma once
+
+#include <deque>
+#include <map>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+#include "drive/contents.h"
+#include "drive/core.h"
+#include "drive/folders.h"
+#include "drive/plan.h"
+
+namespace drive {
+
+class Sender {
+ public:
+  explicit Sender(Core& core) : core_(core) {}
+
+  /// Starts what may go out.
+  void Tick();
+
+  /// Sends everything without rest. True: the service has everything.
+  bool Sync(Lock& lock, std::chrono::milliseconds time, std::stop_token stop);
+
+  const std::map<ItemNumber, ActiveTransfer>& uploads() const { return uploads_; }
+
+ private:
+  /// What one step's task works with.
+  struct Task {
+    Step step;
+    std::string folder_id = {};  ///< of the step's new place
+    std::stop_token stop = {};
+  };
+
+  void Pass();
+  void Start(const Step& step);
+  void Run(Task task);
+  void Finish(const Step& step);
+  void Refuse(ItemNumber number, const std::string& reason);
+  ItemNumber OwnerOf(ItemNumber number) const;
+
+  void MakeFolder(const Task& task);
+  void Relocate(const Task& task);
+  void Delete(const Task& task);
+  bool TreeIsAsRemoved(const Item& folder);
+  void BringBack(Change& change, Item item, const RemoteItem* remote);
+  void EraseTree(Change& change, const Item& item);
+
+  void Upload(const Task& task);
+  RemoteItem SendContent(const Task& task, const FrozenCopy& frozen, const std::string& etag);
+  std::string TagToReplace(const Item& item);
+  void TakeUpload(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent);
+  bool TakeUploaded(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent, bool clean);
+  void SolveChanged(const Task& task, const FrozenCopy& frozen);
+  bool IsSame(const FrozenCopy& frozen, const RemoteItem& remote, std::stop_token stop);
+
+  void HandleTrouble(const Task& task, const RemoteError& failure);
+  void SolveTaken(const Task& task, const FrozenCopy* frozen);
+  void SolveMissing(const Task& task);
+  bool TakeIdentity(Change& change, Item& item, const RemoteItem& remote);
+
+  Core& core_;
+  std::deque<ItemNumber> queue_;  ///< pending items of this pass that were not looked at yet
+  bool again_ = true;             ///< something has changed since the queue was filled
+  int running_ = 0;
+  bool urgent_ = false;
+  bool idle_ = false;  ///< a whole pass found nothing that may go out, and nothing is running
+  std::map<ItemNumber, ActiveTransfer> uploads_;
+};
+
+}  // namespace drive

@@ -1,0 +1,361 @@
+// The loss hunted here: any order of operations, answers, failures and ends of the process in which
+// the drive shows or sends something else than what programs have done, or loses one of two
+// people's work.
+//
+// One client is compared with a plain tree in memory. Two clients are compared with each other, and
+// every content that nobody replaced knowingly must be found at the service in the end.
+//
+// ONEDRIVE4B_MODEL="FIRST SEEDS STEPS" runs other seeds; a failure names its own.
+#include <cstdlib>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/drive/client.h"
+
+namespace drive_test {
+namespace {
+
+struct Plan {
+  bool two_clients = false;
+  bool faults = false;    ///< requests fail before or after the service acts
+  bool overlap = false;   ///< operations happen while a request is on its way
+  bool restarts = false;  ///< the process is killed
+};
+
+struct Range {
+  unsigned first = 1;
+  unsigned seeds = 60;
+  int steps = 60;
+};
+
+Range SeedsToRun() {
+  Range range;
+  if (const char* text = std::getenv("ONEDRIVE4B_MODEL")) {
+    std::istringstream(text) >> range.first >> range.seeds >> range.steps;
+  }
+  return range;
+}
+
+class Run {
+ public:
+  Run(const Plan& plan, unsigned seed) : plan_(plan), random_(seed) {
+    for (int i = 0; i < (plan.two_clients ? 2 : 1); ++i) {
+      clients_.push_back(
+          std::make_unique<Client>(service_, clock_, random_, "host" + std::to_string(i)));
+      clients_.back()->remote.around = [this, i](const std::string& request, bool done) {
+        Around(i, request, done);
+      };
+    }
+  }
+
+  void Steps(int count) {
+    for (int step = 0; step < count && !::testing::Test::HasFailure(); ++step) {
+      const int client = Pick(static_cast<int>(clients_.size()));
+      if (plan_.restarts && Pick(15) == 0) {
+        Log(client, Pick(2) == 0 ? "kill" : "kill ");
+        clients_[static_cast<std::size_t>(client)]->Kill();
+      } else if (Pick(3) == 0) {
+        Pass(client);
+      } else {
+        Operate(client);
+      }
+      if (!plan_.two_clients && Pick(8) == 0) CompareWithModel();
+    }
+  }
+
+  void Finish() {
+    calm_ = true;
+    clock_.Pass(std::chrono::hours(2));
+    for (int round = 0; round < 4; ++round) {
+      for (auto& client : clients_) {
+        client->drive().Sync(std::chrono::hours(10), {});
+        clock_.Pass(std::chrono::minutes(2));
+        client->GetTree();
+      }
+    }
+    const auto tree = service_.Tree();
+    for (auto& client : clients_) {
+      const drive::Status status = client->drive().GetStatus();
+      EXPECT_EQ(status.pending, 0);
+      EXPECT_TRUE(status.refused.empty())
+          << status.refused.front().path << ": " << status.refused.front().reason;
+      EXPECT_EQ(client->GetTree(), tree);
+    }
+    if (!plan_.two_clients) {
+      EXPECT_EQ(tree, model_);
+    }
+    std::set<std::string> there;
+    for (const auto& [path, data] : tree) there.insert(data);
+    for (const std::string& data : living_) {
+      EXPECT_TRUE(there.contains(data)) << "lost: " << data.substr(0, 12);
+    }
+  }
+
+  std::string log() const { return log_.str(); }
+
+ private:
+  int Pick(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
+
+  void Log(int client, const std::string& line) {
+    log_ << std::string(static_cast<std::size_t>(depth_) * 2, ' ') << client << ": " << line
+         << '\n';
+  }
+
+  /// The world goes on while a request is on its way.
+  void Around(int client, const std::string& request, bool done) {
+    if (std::getenv("ONEDRIVE4B_MODEL_REQUESTS") != nullptr)
+      Log(client, (done ? "] " : "[ ") + request);
+    if (calm_) return;
+    if (plan_.faults && Pick(12) == 0) {
+      Log(client, "no answer to " + request + (done ? " (done)" : ""));
+      throw RemoteError(Trouble::kUnreachable, "no answer");
+    }
+    if (plan_.overlap && depth_ < 2 && Pick(4) == 0) {
+      ++depth_;
+      Operate(Pick(static_cast<int>(clients_.size())));
+      --depth_;
+    }
+  }
+
+  void Pass(int client) {
+    const int seconds = Pick(40);
+    clock_.Pass(std::chrono::seconds(seconds));
+    const int tasks = Pick(8);
+    Log(client, "pass " + std::to_string(seconds) + " s, tasks " + std::to_string(tasks));
+    for (int i = 0; i < tasks; ++i) clients_[static_cast<std::size_t>(client)]->work().RunOne();
+  }
+
+  std::string PickPath() {
+    static const std::vector<std::string> kNames = {"a", "b", "c", "B"};
+    std::string path;
+    for (int depth = Pick(3); depth >= 0; --depth) {
+      path += (path.empty() ? "" : "/") + kNames[static_cast<std::size_t>(Pick(4))];
+    }
+    return path;
+  }
+
+  std::string NewData() {
+    std::string data = "<" + std::to_string(++last_data_) + ">";
+    if (Pick(4) == 0) data.resize(static_cast<std::size_t>(150'000 + Pick(200'000)), 'x');
+    return data;
+  }
+
+  void Operate(int client) {
+    const std::string path = PickPath();
+    const std::string other = PickPath();
+    const int what = Pick(11);
+    static const char* const kVerbs[] = {"write",  "write",  "append", "read",   "mkdir", "mkdir",
+                                         "remove", "remove", "rename", "rename", "save"};
+    const std::string data = NewData();
+    const std::string line = std::string(kVerbs[what]) + ' ' + path +
+                             (what >= 8 ? " -> " + other : "") + ' ' + data.substr(0, 6);
+    Log(client, line + " {");
+    try {
+      Client& at = *clients_[static_cast<std::size_t>(client)];
+      switch (what) {
+        case 0:
+        case 1:
+          Write(at, path, data);
+          break;
+        case 2:
+          Append(at, path, data);
+          break;
+        case 3:
+          Read(at, path);
+          break;
+        case 4:
+        case 5:
+          MakeFolder(at, path);
+          break;
+        case 6:
+        case 7:
+          Remove(at, path);
+          break;
+        case 8:
+        case 9:
+          Rename(at, path, other);
+          break;
+        default:
+          Save(at, path, data);
+          break;
+      }
+      Log(client, "}");
+    } catch (const drive::Error& error) {
+      Log(client, std::string("} ") + error.what());
+    }
+  }
+
+  // Each operation on the drive, on the model, and on what must not be lost. What an operation
+  // replaces, it replaces knowingly: the client shows that content.
+
+  std::optional<std::string> Shown(Client& at, const std::string& path) {
+    try {
+      const drive::Attributes found = at.Find(path);
+      if (found.kind != Kind::kFile) return std::nullopt;
+      const drive::RemoteState state = at.drive().StateOf(found.number);
+      if (state.state == "clean") return service_.DataOf(state.etag);
+      return at.ReadNumber(found.number);
+    } catch (const drive::Error& error) {
+      if (error.reason() == drive::Reason::kNotFound) return std::nullopt;
+      throw;
+    }
+  }
+
+  void Replace(const std::optional<std::string>& old) {
+    if (old) living_.erase(*old);
+  }
+
+  void Write(Client& at, const std::string& path, const std::string& data) {
+    const auto old = Shown(at, path);
+    at.Write(path, data);
+    Replace(old);
+    living_.insert(data);
+    model_[InModel(path)] = data;
+  }
+
+  void Append(Client& at, const std::string& path, const std::string& data) {
+    const auto old = Shown(at, path);
+    at.Append(path, data);
+    const std::string now = at.Read(path);
+    if (!plan_.two_clients && old) {
+      EXPECT_EQ(now, *old + data) << path;
+    }
+    Replace(old);
+    living_.insert(now);
+    model_[InModel(path)] = now;
+  }
+
+  void Read(Client& at, const std::string& path) {
+    const auto shown = Shown(at, path);
+    const std::string data = at.Read(path);
+    if (!plan_.two_clients && !plan_.overlap) {
+      EXPECT_EQ(data, model_[InModel(path)]) << path;
+    }
+  }
+
+  void MakeFolder(Client& at, const std::string& path) {
+    at.MakeFolder(path);
+    model_[InModel(path) + '/'];
+  }
+
+  void Remove(Client& at, const std::string& path) {
+    const auto old = Shown(at, path);
+    at.Remove(path);
+    Replace(old);
+    const std::string known = InModel(path);
+    model_.erase(known);
+    model_.erase(known + '/');
+  }
+
+  void Rename(Client& at, const std::string& from, const std::string& to) {
+    const auto old = Shown(at, to);
+    const bool same = drive::NameKey(from) == drive::NameKey(to);
+    at.Rename(from, to);
+    if (!same) Replace(old);
+    RenameInModel(from, to);
+  }
+
+  /// As many editors save: a new file, renamed over the old one.
+  void Save(Client& at, const std::string& path, const std::string& data) {
+    const std::string temporary = path + ".tmp";
+    Write(at, temporary, data);
+    Rename(at, temporary, path);
+  }
+
+  // The model: paths as they were created. Names are found without regard to case.
+
+  std::string InModel(const std::string& path) {
+    std::string known;
+    for (const auto& part : std::filesystem::path(path)) {
+      std::string best = part.string();
+      for (const auto& [entry, data] : model_) {
+        if (entry.size() <= known.size() || entry.compare(0, known.size(), known) != 0) continue;
+        const std::string rest = entry.substr(known.size());
+        const std::string name = rest.substr(0, rest.find('/'));
+        if (drive::NameKey(name) == drive::NameKey(part.string())) best = name;
+      }
+      known += best + '/';
+    }
+    known.pop_back();
+    return known;
+  }
+
+  void RenameInModel(const std::string& from, const std::string& to) {
+    const std::string source = InModel(from);
+    const std::filesystem::path to_path(to);
+    std::string target = to_path.has_parent_path() ? InModel(to_path.parent_path()) + '/' : "";
+    target += to_path.filename();
+    if (source == target) return;
+    if (const std::string old = InModel(to); old != source) {
+      model_.erase(old);
+      model_.erase(old + '/');
+    }
+    Client::Tree moved;
+    for (auto entry = model_.begin(); entry != model_.end();) {
+      const bool inside = entry->first.compare(0, source.size() + 1, source + '/') == 0;
+      if (entry->first == source || inside) {
+        moved[target + entry->first.substr(source.size())] = entry->second;
+        entry = model_.erase(entry);
+      } else {
+        ++entry;
+      }
+    }
+    model_.merge(moved);
+  }
+
+  void CompareWithModel() {
+    try {
+      const bool calm = std::exchange(calm_, true);
+      const Client::Tree tree = clients_.front()->GetTree();
+      calm_ = calm;
+      EXPECT_EQ(tree, model_);
+    } catch (const drive::Error&) {
+      calm_ = false;  // what is not here cannot be compared now
+    }
+  }
+
+  const Plan plan_;
+  std::mt19937 random_;
+  TestClock clock_;
+  FakeService service_;
+  std::vector<std::unique_ptr<Client>> clients_;
+  Client::Tree model_;
+  std::set<std::string> living_;  ///< contents that nobody has replaced
+  int last_data_ = 0;
+  int depth_ = 0;
+  bool calm_ = false;
+  std::ostringstream log_;
+};
+
+void RunModel(const Plan& plan) {
+  const Range range = SeedsToRun();
+  for (unsigned seed = range.first; seed < range.first + range.seeds; ++seed) {
+    Run run(plan, seed);
+    try {
+      run.Steps(range.steps);
+      if (!::testing::Test::HasFailure()) run.Finish();
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+    }
+    ASSERT_FALSE(::testing::Test::HasFailure()) << "seed " << seed << "\n" << run.log();
+  }
+}
+
+TEST(Model, OneClient) { RunModel({}); }
+TEST(Model, OneClientWithFaults) { RunModel({.faults = true}); }
+TEST(Model, OneClientWithOverlap) { RunModel({.overlap = true}); }
+TEST(Model, OneClientWithRestarts) { RunModel({.faults = true, .restarts = true}); }
+TEST(Model, TwoClients) { RunModel({.two_clients = true}); }
+TEST(Model, TwoClientsWithOverlap) { RunModel({.two_clients = true, .overlap = true}); }
+TEST(Model, TwoClientsWithEverything) {
+  RunModel({.two_clients = true, .faults = true, .overlap = true, .restarts = true});
+}
+
+}  // namespace
+}  // namespace drive_test
