@@ -349,7 +349,7 @@ void Contents::EnsureCopy(Content& content) {
   if (content.current) {
     Item item = core_.catalog.Get(content.number);
     item.copy = copy;
-    item.copy_etag = content.etag;
+    if (!item.dirty) item.copy_etag = content.etag;
     core_.catalog.Put(item);
   }
   change.Commit();
@@ -371,7 +371,7 @@ void Contents::MakeDirty(Lock& lock, const ContentPointer& content, std::int64_t
                          std::stop_token stop) {
   for (;;) {
     if (!content->current) ThrowStale();
-    if (content->dirty && !content->sending) return;
+    if (content->dirty && !content->sending) return EnsureCopy(*content);
     if (content->dirty) {
       ContinueOnOwnCopy(lock, content, keep, stop);
       continue;

@@ -303,7 +303,7 @@ void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
     // An earlier request of ours reached the service and its answer did not reach us, or two
     // people made the same.
     TakeIdentity(change, *item, *entry);
-    item->base = {.parent = place.parent, .name = place.name};
+    item->base = {.parent = place.parent, .name = entry->name};
     item->copy_etag = entry->etag;
     if (item->IsFolder()) item->listed = {};
     core_.catalog.Put(*item);
