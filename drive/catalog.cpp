@@ -18,7 +18,7 @@ CREATE TABLE IF NOT EXISTS items (
   executable INTEGER NOT NULL,
   id TEXT NOT NULL, base_parent INTEGER NOT NULL, base_name TEXT NOT NULL, base_key TEXT NOT NULL,
   etag TEXT NOT NULL, base_size INTEGER NOT NULL, base_modified INTEGER NOT NULL,
-  copy INTEGER NOT NULL, copy_etag TEXT NOT NULL, dirty INTEGER NOT NULL, due INTEGER NOT NULL,
+  copy INTEGER NOT NULL, copy_etag TEXT NOT NULL, sent TEXT NOT NULL, dirty INTEGER NOT NULL, due INTEGER NOT NULL,
   listed INTEGER NOT NULL,
   reason TEXT NOT NULL, since INTEGER NOT NULL, retry INTEGER NOT NULL, attempts INTEGER NOT NULL,
   pending INTEGER NOT NULL);
@@ -35,10 +35,10 @@ CREATE TABLE IF NOT EXISTS conflicts (
 CREATE TABLE IF NOT EXISTS settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
 )";
 
-#define COLUMNS                                                                              \
-  "number, kind, parent, name, size, modified, changed, executable, id, base_parent, "       \
-  "base_name, etag, base_size, base_modified, copy, copy_etag, dirty, due, listed, reason, " \
-  "since, retry, attempts"
+#define COLUMNS                                                                            \
+  "number, kind, parent, name, size, modified, changed, executable, id, base_parent, "     \
+  "base_name, etag, base_size, base_modified, copy, copy_etag, sent, dirty, due, listed, " \
+  "reason, since, retry, attempts"
 
 FileTime ToTime(std::int64_t nanoseconds) { return FileTime(FileTime::duration(nanoseconds)); }
 std::int64_t ToNumber(FileTime time) { return time.time_since_epoch().count(); }
@@ -64,6 +64,7 @@ Item ReadItem(const Statement& row) {
   item.base_modified = ToTime(number());
   item.copy = number();
   item.copy_etag = text();
+  item.sent = text();
   item.dirty = number() != 0;
   item.due = ToTime(number());
   item.listed = ToTime(number());
@@ -92,7 +93,7 @@ Catalog::Catalog(const std::filesystem::path& file) : database_(file) {
   database_.Execute("PRAGMA user_version=1");
   database_.Execute(
       "INSERT OR IGNORE INTO items VALUES "
-      "(1,1,1,'','',0,0,0,0,'',1,'','','',0,0,0,'',0,0,0,'',0,0,0,0)");
+      "(1,1,1,'','',0,0,0,0,'',1,'','','',0,0,0,'','',0,0,0,'',0,0,0,0)");
 }
 
 void Catalog::Rollback() noexcept {
@@ -198,6 +199,7 @@ void Catalog::BindAll(Statement& statement, const Item& item, const std::string&
   number(ToNumber(item.base_modified));
   number(item.copy);
   text(item.copy_etag);
+  text(item.sent);
   number(item.dirty ? 1 : 0);
   number(ToNumber(item.due));
   number(ToNumber(item.listed));
@@ -211,7 +213,7 @@ void Catalog::BindAll(Statement& statement, const Item& item, const std::string&
 void Catalog::Add(Item& item) {
   Statement& statement = Prepared(
       "INSERT INTO items VALUES "
-      "(NULL,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
+      "(NULL,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
   const StatementUse use(statement);
   const std::string key = NameKey(item.place.name);
   const std::string base_key = NameKey(item.base.name);
@@ -224,13 +226,13 @@ void Catalog::Put(const Item& item) {
   Statement& statement = Prepared(
       "UPDATE items SET kind=?, parent=?, name=?, key=?, size=?, modified=?, changed=?, "
       "executable=?, id=?, base_parent=?, base_name=?, base_key=?, etag=?, base_size=?, "
-      "base_modified=?, copy=?, copy_etag=?, dirty=?, due=?, listed=?, reason=?, since=?, "
+      "base_modified=?, copy=?, copy_etag=?, sent=?, dirty=?, due=?, listed=?, reason=?, since=?, "
       "retry=?, attempts=?, pending=? WHERE number=?");
   const StatementUse use(statement);
   const std::string key = NameKey(item.place.name);
   const std::string base_key = NameKey(item.base.name);
   BindAll(statement, item, key, base_key);
-  statement.Bind(26, item.number).Step();
+  statement.Bind(27, item.number).Step();
 }
 
 void Catalog::Erase(ItemNumber number) {

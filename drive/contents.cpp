@@ -122,7 +122,7 @@ void Contents::Release(const ContentPointer& content) {
     return;
   }
   const std::optional<Item> item = core_.catalog.Find(content->number);
-  if (item && item->IsRemoved() && !item->IsSent() && !core_.busy.contains(item->number)) {
+  if (item && item->IsRemoved() && !item->IsPending() && !core_.busy.contains(item->number)) {
     Change change(core_);
     Forget(change, *item);
     core_.catalog.Erase(item->number);

@@ -92,7 +92,7 @@ void Drive::Impl::Recover() {
     core.catalog.Put(item);
   }
   for (const Item& item : core.catalog.Removed()) {
-    if (!item.IsSent()) core.catalog.Erase(item.number);
+    if (!item.IsPending()) core.catalog.Erase(item.number);
   }
   change.Commit();
   std::vector<std::int64_t> copies = core.catalog.CopiesInUse();

@@ -97,7 +97,8 @@ void Entries::RemoveFile(Lock& lock, ItemNumber folder, std::string_view name,
   std::optional<Item> saved = core_.catalog.FindEntry(item.base.parent, item.base.name);
   const bool idle =
       !core_.busy.contains(item.number) && !(saved && core_.busy.contains(saved->number));
-  if (item.IsMoved() && saved && idle && saved->kind == Kind::kFile && !saved->IsSent()) {
+  if (item.IsMoved() && saved && idle && saved->kind == Kind::kFile && !saved->IsSent() &&
+      !saved->IsUncertain()) {
     PassIdentity(change, item, *saved);
     core_.catalog.Put(*saved);
   }
@@ -145,7 +146,7 @@ void Entries::Remove(Change& change, Item item) {
 
 /// A removed item that the service does not have and nobody has open leaves no trace.
 void Entries::DropIfUnused(Change& change, const Item& item) {
-  if (item.IsSent() || core_.busy.contains(item.number) || contents_.IsOpen(item.number)) return;
+  if (item.IsPending() || core_.busy.contains(item.number) || contents_.IsOpen(item.number)) return;
   contents_.Forget(change, item);
   core_.catalog.Erase(item.number);
 }
@@ -210,9 +211,9 @@ void Entries::Rename(Lock& lock, const RenameRequest& request, std::stop_token s
 /// `source` comes to the place of `target`. Where all its bytes are here it becomes a new version
 /// of the target's item; otherwise that item is removed first.
 void Entries::Replace(Change& change, Item& source, Item target) {
-  const bool known = target.IsSent() || core_.busy.contains(target.number);
+  const bool known = target.IsSent() || target.IsUncertain() || core_.busy.contains(target.number);
   if (source.kind == Kind::kFile && known && contents_.IsComplete(source)) {
-    if (source.IsSent() || core_.busy.contains(source.number)) {
+    if (source.IsSent() || source.IsUncertain() || core_.busy.contains(source.number)) {
       Item rest;  // what the service has of the source under its old name
       rest.kind = Kind::kFile;
       core_.catalog.Add(rest);
@@ -233,6 +234,7 @@ void Entries::PassIdentity(Change& change, Item& from, Item& to) {
   to.etag = from.etag;
   to.base_size = from.base_size;
   to.base_modified = from.base_modified;
+  to.sent = std::exchange(from.sent, {});
   const std::string seen = from.dirty ? from.copy_etag : from.etag;
   from.etag.clear();
   core_.catalog.Put(from);

@@ -52,27 +52,32 @@ struct Item {
   FileTime changed{};  ///< of the local attributes
   bool executable = false;
 
-  std::string id;              ///< the service's; empty: the service does not have the item
-  Place base;                  ///< where the service has it; parent 0: nowhere
+  std::string id;  ///< the service's; empty: the service does not have the item
+  /// Where the service has it; parent 0: nowhere. Without an id: where it was to be made by a
+  /// request that had no answer, so that the service may have it there.
+  Place base;
   std::string etag;            ///< of the service's version
   std::int64_t base_size = 0;  ///< bytes of that version
   FileTime base_modified{};    ///< of that version
 
   std::int64_t copy = 0;  ///< number of the local copy; 0: none
   std::string copy_etag;  ///< the version that the copy is of, or was made from
-  bool dirty = false;     ///< the copy holds changes to send; it is complete then
-  FileTime due{};         ///< when a dirty file may be sent
-  FileTime listed{};      ///< folders: when the service was last listed completely; 0: never
+  /// Digests of contents that were sent without an answer: the service may have one of them.
+  std::string sent;
+  bool dirty = false;  ///< the copy holds changes to send; it is complete then
+  FileTime due{};      ///< when a dirty file may be sent
+  FileTime listed{};   ///< folders: when the service was last listed completely; 0: never
   Refusal refusal;
 
   bool IsFolder() const { return kind != Kind::kFile; }
   bool IsRemoved() const { return place.parent == 0; }
   bool IsSent() const { return !id.empty(); }
+  bool IsUncertain() const { return id.empty() && base.parent != 0; }
   bool IsMoved() const { return IsSent() && !IsRemoved() && place != base; }
   /// Whether the service has yet to hear of something.
   bool IsPending() const {
     if (number == kTop || kind == Kind::kFixedFolder) return false;
-    if (IsRemoved()) return IsSent();
+    if (IsRemoved()) return IsSent() || IsUncertain();
     return !IsSent() || dirty || place != base;
   }
 };

@@ -25,7 +25,7 @@ std::vector<Item> Merge::Missing(Core& core, const Listing& listing) {
   for (const RemoteItem& item : listing.items) ids.insert(item.id);
   std::vector<Item> missing;
   for (Item& item : core.catalog.BaseEntries(listing.folder)) {
-    if (ids.contains(item.id) || !MeansSomething(core, item)) continue;
+    if (!item.IsSent() || ids.contains(item.id) || !MeansSomething(core, item)) continue;
     if (IsBusy(core, item) || core.answers.ToldSince(item.id, listing.question)) continue;
     if (item.kind != Kind::kFixedFolder) missing.push_back(std::move(item));
   }
@@ -42,7 +42,8 @@ void Merge::Apply(const Listing& listing) {
   };
 
   for (Item& item : core_.catalog.BaseEntries(listing.folder)) {
-    if (ids.contains(item.id) || IsBusy(core_, item) || outdated(item.id)) continue;
+    if (!item.IsSent() || ids.contains(item.id)) continue;
+    if (IsBusy(core_, item) || outdated(item.id)) continue;
     const auto asked = listing.asked.find(item.number);
     if (asked == listing.asked.end()) {
       if (!MeansSomething(core_, item)) Gone(std::move(item));
@@ -153,6 +154,7 @@ void Merge::MakeNew(Item& item) {
   item.base = {};
   item.etag.clear();
   item.copy_etag.clear();
+  item.sent.clear();
   item.refusal = {};
   if (item.IsFolder()) item.listed = core_.clock.Now();
 }

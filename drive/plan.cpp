@@ -11,6 +11,9 @@ constexpr int kLongestCircle = 1000;
 Readiness Plan::Of(const Item& item) {
   if (!item.IsPending() || core_.busy.contains(item.number)) return {};
   if (item.refusal.retry > core_.clock.Now()) return {.at = item.refusal.retry};
+  if (item.IsUncertain() && item.place != item.base) {
+    return {.step = Step{.kind = StepKind::kFind, .item = item, .to = item.base}};
+  }
   if (item.IsRemoved()) return OfRemoved(item);
   if (!CanHold(item.place.parent)) return {};
   if (!item.IsSent() || item.place != item.base) {
@@ -44,7 +47,7 @@ Readiness Plan::OfRemoved(const Item& item) {
 /// Whether nothing that the service has in the removed folder is still needed.
 bool Plan::IsFree(const Item& folder) {
   for (const Item& child : core_.catalog.BaseEntries(folder.number)) {
-    if (!child.IsRemoved() || core_.busy.contains(child.number)) return false;
+    if (!child.IsRemoved() || !child.IsSent() || core_.busy.contains(child.number)) return false;
     if (child.IsFolder() && !IsFree(child)) return false;
   }
   return true;

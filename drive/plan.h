@@ -15,7 +15,13 @@
 
 namespace drive {
 
-enum class StepKind { kMakeFolder, kUpload, kRelocate, kDelete };
+enum class StepKind {
+  kMakeFolder,
+  kUpload,
+  kRelocate,
+  kDelete,
+  kFind,  ///< find out whether the service made the item that it gave no answer about
+};
 
 struct Step {
   StepKind kind = StepKind::kUpload;

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include "drive/digest.h"
 #include "drive/merge.h"
 #include "drive/names.h"
 
@@ -19,6 +20,14 @@ constexpr int kMostDoublings = 6;  // 64 minutes
 bool IsPassing(Trouble trouble) {
   return trouble == Trouble::kThrottled || trouble == Trouble::kUnreachable ||
          trouble == Trouble::kSignedOut || trouble == Trouble::kStopped;
+}
+
+/// Whether the item has another tag only because an earlier request of ours arrived of which the
+/// answer was lost.
+bool IsOurRename(const Step& step, const Item& item, const RemoteItem& remote) {
+  return step.kind == StepKind::kRelocate && item.number == step.item.number &&
+         remote.name == step.to.name && remote.size == item.base_size &&
+         remote.modified == item.base_modified;
 }
 
 RemoteItem ToRemote(const Item& item) {
@@ -87,6 +96,9 @@ void Sender::Run(Task task) {
       case StepKind::kDelete:
         Delete(task);
         break;
+      case StepKind::kFind:
+        SolveTaken(task);
+        break;
     }
   } catch (const RemoteError& error) {
     failure = error;
@@ -111,7 +123,7 @@ void Sender::Finish(const Step& step) {
   // Removed meanwhile, and nothing of it reached the service.
   for (const ItemNumber number : {step.item.number, owner}) {
     const std::optional<Item> item = core_.catalog.Find(number);
-    if (!item || !item->IsRemoved() || item->IsSent() || core_.busy.contains(number) ||
+    if (!item || !item->IsRemoved() || item->IsPending() || core_.busy.contains(number) ||
         core_.contents->IsOpen(number)) {
       continue;
     }
@@ -166,7 +178,7 @@ void Sender::HandleTrouble(const Task& task, const RemoteError& failure) {
   try {
     switch (failure.trouble()) {
       case Trouble::kNameTaken:
-        return SolveTaken(task, nullptr);
+        return SolveTaken(task);
       case Trouble::kNotFound:
       case Trouble::kChanged:
         return SolveMissing(task);
@@ -223,6 +235,9 @@ void Sender::SolveMissing(const Task& task) {
     Change change(core_);
     Merge merge(change);
     if (remote) {
+      if (IsOurRename(task.step, *item, *remote)) {
+        core_.contents->Retag(change, *item, remote->etag);
+      }
       merge.Update(*item, *remote);
       if (item->base.name != remote->name && NameKey(item->base.name) != NameKey(remote->name)) {
         // Renamed elsewhere: where nothing was renamed here, the next listing tells.
@@ -250,12 +265,21 @@ bool Sender::TakeIdentity(Change& change, Item& item, const RemoteItem& remote) 
   item.etag = remote.etag;
   item.base_size = remote.size;
   item.base_modified = remote.modified;
+  item.sent.clear();
   core_.answers.Told(remote.id);
   return true;
 }
 
-/// Something that is not known here, or not known to be there, has the name.
-void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
+std::string Sender::SentBy(const Task& task) {
+  const Lock lock(core_.mutex);
+  const std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  return item ? item->sent : std::string();
+}
+
+/// Something that is not known here, or not known to be there, has the name. Or, for kFind, may
+/// have it.
+void Sender::SolveTaken(const Task& task) {
+  const bool only_find = task.step.kind == StepKind::kFind;
   const Place& place = task.step.to;
   Listing listing{.folder = place.parent};
   {
@@ -272,20 +296,35 @@ void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
   const auto entry =
       std::find_if(listing.items.begin(), listing.items.end(),
                    [&](const RemoteItem& item) { return NameKey(item.name) == key; });
-  const bool same = !failure && frozen != nullptr && entry != listing.items.end() &&
-                    IsSame(*frozen, *entry, task.stop);
+  bool same = false;
+  try {
+    same = entry != listing.items.end() && WasSent(SentBy(task), *entry, task.stop);
+  } catch (const RemoteError& error) {
+    failure = error;
+  }
   const Lock lock(core_.mutex);
   core_.answers.End(listing.question);
   if (failure) throw RemoteError(*failure);
-  if (entry == listing.items.end() || core_.answers.ToldSince(entry->id, listing.question)) return;
   std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
   if (!item) return;
   Change change(core_);
   Merge merge(change);
-  std::optional<Item> known = core_.catalog.FindId(entry->id);
+  const bool there = entry != listing.items.end();
+  std::optional<Item> known;
+  if (there) known = core_.catalog.FindId(entry->id);
+  const bool ours = there && !known && !item->IsSent() &&
+                    (same || (item->IsFolder() && entry->kind == Kind::kFolder));
+  if (!ours && !item->IsSent()) {
+    // Nothing of ours is there: it is certain now.
+    item->base = {};
+    item->sent.clear();
+    core_.catalog.Put(*item);
+  }
+  if (!there || (only_find && !ours)) return change.Commit();
+  if (core_.answers.ToldSince(entry->id, listing.question)) return change.Commit();
   if (known && known->number != item->number) {
     // It got this name elsewhere; the listing's next merge would say so, too.
-    if (core_.busy.contains(known->number)) return;
+    if (core_.busy.contains(known->number)) return change.Commit();
     const bool follows = !known->IsRemoved() && known->place == known->base;
     known->base = {.parent = place.parent, .name = entry->name};
     core_.catalog.Put(*known);
@@ -299,7 +338,7 @@ void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
   } else if (known) {
     item->base = {.parent = place.parent, .name = entry->name};
     core_.catalog.Put(*item);
-  } else if (!item->IsSent() && (same || (item->IsFolder() && entry->kind == Kind::kFolder))) {
+  } else if (ours) {
     // An earlier request of ours reached the service and its answer did not reach us, or two
     // people made the same.
     TakeIdentity(change, *item, *entry);
@@ -316,7 +355,35 @@ void Sender::SolveTaken(const Task& task, const FrozenCopy* frozen) {
 
 // Folders, places, removals. ------------------------------------------------------------------
 
+/// Notes that a request goes out of which the answer may be lost.
+void Sender::NoteAttempt(const Task& task, const std::string& digest) {
+  const Lock lock(core_.mutex);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item) return;
+  if (!item->IsSent()) item->base = task.step.to;
+  if (!digest.empty()) item->sent += (item->sent.empty() ? "" : " ") + digest;
+  Change change(core_);
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
+/// The service has answered that it did nothing.
+void Sender::TakeBackAttempt(const Task& task, const std::string& digest) {
+  const Lock lock(core_.mutex);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item) return;
+  if (item->sent.ends_with(digest)) {
+    item->sent.resize(item->sent.size() - digest.size());
+    if (!item->sent.empty()) item->sent.pop_back();
+  }
+  if (!item->IsSent() && !task.step.item.IsUncertain()) item->base = {};
+  Change change(core_);
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
 void Sender::MakeFolder(const Task& task) {
+  NoteAttempt(task, "");
   const RemoteItem made = core_.remote.MakeFolder(task.folder_id, task.step.to.name);
   const Lock lock(core_.mutex);
   std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
@@ -466,11 +533,14 @@ void Sender::Upload(const Task& task) {
   }
   std::optional<RemoteItem> sent;
   std::optional<RemoteError> failure;
+  std::string digest;
   try {
     if (::fdatasync(frozen->fd->get()) != 0) {
       throw RemoteError(Trouble::kFailed, "the local copy cannot be written to the disk");
     }
     const std::string etag = task.step.item.IsSent() ? TagToReplace(task.step.item) : "";
+    digest = Digest::OfFile(frozen->fd->get());
+    NoteAttempt(task, digest);
     sent = SendContent(task, *frozen, etag);
   } catch (const RemoteError& error) {
     failure = error;
@@ -478,8 +548,10 @@ void Sender::Upload(const Task& task) {
       const bool changed = error.trouble() == Trouble::kChanged && task.step.item.IsSent();
       const bool taken = error.trouble() == Trouble::kNameTaken;
       if (changed || taken) {
-        changed ? SolveChanged(task, *frozen) : SolveTaken(task, &*frozen);
+        changed ? SolveChanged(task) : SolveTaken(task);
         failure.reset();
+      } else if (!IsPassing(error.trouble())) {
+        TakeBackAttempt(task, digest);
       }
     } catch (const RemoteError& second) {
       failure = second;
@@ -560,25 +632,29 @@ bool Sender::TakeUploaded(const Task& task, const FrozenCopy& frozen, const Remo
   return true;
 }
 
-bool Sender::IsSame(const FrozenCopy& frozen, const RemoteItem& remote, std::stop_token stop) {
-  if (remote.kind != Kind::kFile || remote.size != frozen.size) return false;
-  bool same = true;
+/// Whether the service's content is one that was sent from here. `sent`: digests.
+bool Sender::WasSent(const std::string& sent, const RemoteItem& remote, std::stop_token stop) {
+  const std::string size = std::to_string(remote.size) + ':';
+  if (remote.kind != Kind::kFile || (' ' + sent).find(' ' + size) == std::string::npos)
+    return false;
+  Digest digest;
   std::int64_t seen = 0;
-  std::vector<char> ours;
-  const PieceSink compare = [&](std::int64_t offset, std::span<const char> piece) {
-    ours.resize(piece.size());
-    const ssize_t got = ::pread(frozen.fd->get(), ours.data(), ours.size(), offset);
-    same = same && got == std::ssize(piece) && std::equal(piece.begin(), piece.end(), ours.begin());
-    seen = std::max(seen, offset + std::ssize(piece));
+  const PieceSink add = [&](std::int64_t offset, std::span<const char> piece) {
+    if (offset != seen) {  // the request was repeated
+      if (offset != 0) throw RemoteError(Trouble::kUnreachable, "the download was broken");
+      digest = Digest();
+    }
+    digest.Add(piece);
+    seen = offset + std::ssize(piece);
   };
-  if (remote.size > 0) core_.remote.Read(remote.id, 0, remote.size, compare, stop);
-  if (!same || seen != remote.size) return false;
+  if (remote.size > 0) core_.remote.Read(remote.id, 0, remote.size, add, std::move(stop));
+  if (seen != remote.size || sent.find(digest.Text()) == std::string::npos) return false;
   const RemoteItem after = core_.remote.Describe(remote.id);
   return IsVersion(after, remote.etag, remote.size, remote.modified);
 }
 
 /// The service has another version than the one that was changed here.
-void Sender::SolveChanged(const Task& task, const FrozenCopy& frozen) {
+void Sender::SolveChanged(const Task& task) {
   RemoteItem remote;
   try {
     remote = core_.remote.Describe(task.step.item.id);
@@ -592,7 +668,7 @@ void Sender::SolveChanged(const Task& task, const FrozenCopy& frozen) {
     change.Commit();
     return;
   }
-  const bool same = IsSame(frozen, remote, task.stop);
+  const bool same = WasSent(SentBy(task), remote, task.stop);
   const Lock lock(core_.mutex);
   std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
   if (!item || item->id != task.step.item.id) return;
@@ -604,6 +680,7 @@ void Sender::SolveChanged(const Task& task, const FrozenCopy& frozen) {
     item->base_size = remote.size;
     item->base_modified = remote.modified;
     item->copy_etag = remote.etag;
+    item->sent.clear();
     core_.catalog.Put(*item);
   } else if (!item->IsRemoved()) {
     Merge(change).Split(*std::move(item), remote);

@@ -47,6 +47,8 @@ class Sender {
   void Refuse(ItemNumber number, const std::string& reason);
   ItemNumber OwnerOf(ItemNumber number) const;
 
+  void NoteAttempt(const Task& task, const std::string& digest);
+  void TakeBackAttempt(const Task& task, const std::string& digest);
   void MakeFolder(const Task& task);
   void Relocate(const Task& task);
   void Delete(const Task& task);
@@ -59,11 +61,12 @@ class Sender {
   std::string TagToReplace(const Item& item);
   void TakeUpload(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent);
   bool TakeUploaded(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent, bool clean);
-  void SolveChanged(const Task& task, const FrozenCopy& frozen);
-  bool IsSame(const FrozenCopy& frozen, const RemoteItem& remote, std::stop_token stop);
+  void SolveChanged(const Task& task);
+  bool WasSent(const std::string& sent, const RemoteItem& remote, std::stop_token stop);
+  std::string SentBy(const Task& task);
 
   void HandleTrouble(const Task& task, const RemoteError& failure);
-  void SolveTaken(const Task& task, const FrozenCopy* frozen);
+  void SolveTaken(const Task& task);
   void SolveMissing(const Task& task);
   bool TakeIdentity(Change& change, Item& item, const RemoteItem& remote);
 

@@ -116,11 +116,12 @@ class Run {
       Log(client, "no answer to " + request + (done ? " (done)" : ""));
       throw RemoteError(Trouble::kUnreachable, "no answer");
     }
-    if (plan_.overlap && depth_ < 2 && Pick(4) == 0) {
-      ++depth_;
-      Operate(Pick(static_cast<int>(clients_.size())));
-      --depth_;
-    }
+    if (!plan_.overlap || Pick(4) != 0) return;
+    const int other = Pick(static_cast<int>(clients_.size()));
+    if (operating_.contains(other)) return;
+    ++depth_;
+    Operate(other);
+    --depth_;
   }
 
   void Pass(int client) {
@@ -156,6 +157,7 @@ class Run {
     const std::string line = std::string(kVerbs[what]) + ' ' + path +
                              (what >= 8 ? " -> " + other : "") + ' ' + data.substr(0, 6);
     Log(client, line + " {");
+    operating_.insert(client);
     try {
       Client& at = *clients_[static_cast<std::size_t>(client)];
       switch (what) {
@@ -189,6 +191,7 @@ class Run {
     } catch (const drive::Error& error) {
       Log(client, std::string("} ") + error.what());
     }
+    operating_.erase(client);
   }
 
   // Each operation on the drive, on the model, and on what must not be lost. What an operation
@@ -329,6 +332,7 @@ class Run {
   std::set<std::string> living_;  ///< contents that nobody has replaced
   int last_data_ = 0;
   int depth_ = 0;
+  std::set<int> operating_;  ///< clients in the middle of an operation
   bool calm_ = false;
   std::ostringstream log_;
 };
