@@ -4,16 +4,16 @@
 #include <mutex>
 #include <utility>
 
-#include "emulator/authority.h"
-#include "emulator/content_service.h"
-#include "emulator/demo_drive.h"
-#include "emulator/discovery.h"
-#include "emulator/download_links.h"
-#include "emulator/drive_api.h"
-#include "emulator/http_server.h"
-#include "emulator/item_json.h"
-#include "emulator/service_error.h"
-#include "emulator/upload_sessions.h"
+#include "emulator/api/content_service.h"
+#include "emulator/api/download_links.h"
+#include "emulator/api/drive_api.h"
+#include "emulator/api/item_json.h"
+#include "emulator/api/upload_sessions.h"
+#include "emulator/authority/authority.h"
+#include "emulator/authority/discovery.h"
+#include "emulator/drive/demo_drive.h"
+#include "emulator/http/server.h"
+#include "emulator/http/service_error.h"
 
 namespace emulator {
 namespace {

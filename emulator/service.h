@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "emulator/drive.h"
-#include "emulator/faults.h"
-#include "emulator/request_log.h"
+#include "emulator/drive/drive.h"
+#include "emulator/http/faults.h"
+#include "emulator/http/request_log.h"
 
 namespace emulator {
 

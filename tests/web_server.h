@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "emulator/http_server.h"
+#include "emulator/http/server.h"
 
 /// One request with its whole body.
 struct Received {

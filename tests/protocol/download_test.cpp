@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "emulator/gzip.h"
+#include "emulator/text/gzip.h"
 #include "tests/protocol/signed_in_test.h"
 
 namespace {

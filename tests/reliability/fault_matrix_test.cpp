@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "emulator/gzip.h"
+#include "emulator/text/gzip.h"
 #include "tests/reliability/fault_cell.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "emulator/http_server.h"
+#include "emulator/http/server.h"
 
 namespace faults {
 

@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "emulator/gzip.h"
+#include "emulator/text/gzip.h"
 #include "tests/web_server.h"
 #include "transport/onedrivebiz_curl.h"
 #include "transport/url.h"

@@ -1,0 +1,121 @@
+#include "emulator/http/certificate_authority.h"
+
+#include <memory>
+#include <stdexcept>
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rand.h>
+#include <openssl/x509v3.h>
+
+namespace emulator {
+namespace {
+
+template <auto Free>
+struct Freer {
+  template <typename T>
+  void operator()(T* object) const {
+    Free(object);
+  }
+};
+using Key = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
+using Certificate = std::unique_ptr<X509, Freer<X509_free>>;
+using Bio = std::unique_ptr<BIO, Freer<BIO_free_all>>;
+using Extension = std::unique_ptr<X509_EXTENSION, Freer<X509_EXTENSION_free>>;
+
+void Require(bool done, const char* doing) {
+  if (done) return;
+  const char* reason = ERR_reason_error_string(ERR_get_error());
+  throw std::runtime_error(std::string("cannot make a certificate: ") + doing + ": " +
+                           (reason == nullptr ? "unknown reason" : reason));
+}
+
+Key NewKey() {
+  Key key(EVP_EC_gen("P-256"));
+  Require(key != nullptr, "key");
+  return key;
+}
+
+void SetRandomSerial(X509* certificate) {
+  unsigned char bytes[8];
+  Require(RAND_bytes(bytes, sizeof bytes) == 1, "random serial number");
+  std::uint64_t serial = 0;
+  for (const unsigned char byte : bytes) serial = serial << 8U | byte;
+  // The top bit stays clear (RFC 5280 section 4.1.2.2: positive).
+  Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), serial >> 1U) == 1, "serial");
+}
+
+Certificate NewCertificate(EVP_PKEY* key, const std::string& common_name) {
+  constexpr long kDay = 24L * 60 * 60;
+  Certificate certificate(X509_new());
+  Require(certificate != nullptr && X509_set_version(certificate.get(), X509_VERSION_3) == 1,
+          "new");
+  SetRandomSerial(certificate.get());
+  Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kDay) != nullptr &&
+              X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 14 * kDay) != nullptr &&
+              X509_set_pubkey(certificate.get(), key) == 1,
+          "validity");
+  X509_NAME* name = X509_get_subject_name(certificate.get());
+  Require(X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                     reinterpret_cast<const unsigned char*>(common_name.c_str()),
+                                     -1, -1, 0) == 1,
+          "name");
+  return certificate;
+}
+
+void AddExtension(X509* certificate, X509* issuer, int nid, const std::string& value) {
+  X509V3_CTX context;
+  X509V3_set_ctx(&context, issuer, certificate, nullptr, nullptr, 0);
+  const Extension extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
+  Require(extension != nullptr && X509_add_ext(certificate, extension.get(), -1) == 1,
+          value.c_str());
+}
+
+void Sign(X509* certificate, X509* issuer, EVP_PKEY* issuer_key) {
+  Require(X509_set_issuer_name(certificate, X509_get_subject_name(issuer)) == 1, "issuer");
+  Require(X509_sign(certificate, issuer_key, EVP_sha256()) > 0, "signature");
+}
+
+template <typename Write>
+std::string ToPem(Write write) {
+  const Bio bio(BIO_new(BIO_s_mem()));
+  Require(bio != nullptr && write(bio.get()) == 1, "PEM");
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(bio.get(), &data);
+  return {data, static_cast<std::size_t>(length)};
+}
+
+std::string ToPem(X509* certificate) {
+  return ToPem([&](BIO* bio) { return PEM_write_bio_X509(bio, certificate); });
+}
+
+}  // namespace
+
+ServerIdentity MakeServerIdentity(const std::string& host_name) {
+  const Key authority_key = NewKey();
+  const Certificate authority = NewCertificate(authority_key.get(), "Emulator of one run");
+  AddExtension(authority.get(), authority.get(), NID_basic_constraints,
+               "critical,CA:TRUE,pathlen:0");
+  AddExtension(authority.get(), authority.get(), NID_key_usage, "critical,keyCertSign");
+  AddExtension(authority.get(), authority.get(), NID_subject_key_identifier, "hash");
+  Sign(authority.get(), authority.get(), authority_key.get());
+
+  const Key key = NewKey();
+  const Certificate server = NewCertificate(key.get(), host_name);
+  std::string names = "DNS:localhost,IP:127.0.0.1,IP:::1";
+  if (host_name != "localhost") names += ",DNS:" + host_name;
+  AddExtension(server.get(), authority.get(), NID_basic_constraints, "critical,CA:FALSE");
+  AddExtension(server.get(), authority.get(), NID_key_usage, "critical,digitalSignature");
+  AddExtension(server.get(), authority.get(), NID_ext_key_usage, "serverAuth");
+  AddExtension(server.get(), authority.get(), NID_authority_key_identifier, "keyid");
+  AddExtension(server.get(), authority.get(), NID_subject_alt_name, names);
+  Sign(server.get(), authority.get(), authority_key.get());
+
+  return {ToPem(authority.get()), ToPem(server.get()), ToPem([&](BIO* bio) {
+            return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
+          })};
+}
+
+}  // namespace emulator
