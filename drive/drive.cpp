@@ -272,8 +272,9 @@ std::shared_ptr<OpenFile> Drive::Open(ItemNumber number, OpenMode mode, std::sto
   Lock lock(core.mutex);
   const Item item = core.catalog.Get(number);
   if (mode.write) impl_->entries.CheckFileChangeable(item);
-  // What others have saved since the folder was listed is what is opened.
-  if (item.IsSent() && !item.IsRemoved() && !item.dirty) {
+  // What others have saved since the folder was listed is what is opened. Whoever empties the file
+  // replaces what he saw: a version that he has not seen is a conflict, which the upload finds.
+  if (item.IsSent() && !item.IsRemoved() && !item.dirty && !mode.truncate) {
     impl_->folders.NeedFreshListing(lock, item.place.parent, stop);
   }
   return impl_->contents.Open(lock, number, mode, std::move(stop));

@@ -179,6 +179,9 @@ void Merge::Gone(Item item) {
 
 bool Merge::Insert(const Item& folder, const RemoteItem& remote) {
   if (!CanBeShown(remote.name)) return false;
+  // It may be what a request of ours made without an answer: that is found out first.
+  const std::optional<Item> tried = core_.catalog.FindBase(folder.number, remote.name);
+  if (tried && tried->IsUncertain() && tried->place != tried->base) return false;
   std::string name = remote.name;
   std::optional<Item> there = core_.catalog.FindEntry(folder.number, name);
   if (folder.kind == Kind::kFixedFolder) {

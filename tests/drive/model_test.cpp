@@ -74,8 +74,11 @@ class Run {
     clock_.Pass(std::chrono::hours(2));
     for (int round = 0; round < 4; ++round) {
       for (auto& client : clients_) {
+        // Whoever believes the service to be away looks again in this time.
+        clock_.Pass(std::chrono::minutes(6));
+        for (int task = 0; task < 30 && client->work().RunOne(); ++task) {
+        }
         client->drive().Sync(std::chrono::hours(10), {});
-        clock_.Pass(std::chrono::minutes(2));
         client->GetTree();
       }
     }
