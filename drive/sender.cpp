@@ -423,9 +423,8 @@ void Sender::Delete(const Task& task) {
     if (error.trouble() != Trouble::kNotFound) throw;
   }
   if (remote) {
-    const bool seen = before.IsFolder()
-                          ? TreeIsAsRemoved(before)
-                          : IsVersion(*remote, before.etag, before.base_size, before.base_modified);
+    const bool seen =
+        before.IsFolder() ? TreeIsAsRemoved(task, before) : IsAsRemoved(task, before, *remote);
     if (!seen) {
       const Lock lock(core_.mutex);
       std::optional<Item> item = core_.catalog.Find(OwnerOf(before.number));
@@ -450,9 +449,15 @@ void Sender::Delete(const Task& task) {
   change.Commit();
 }
 
+/// Whether the service's version is the one that was removed here, or one that was sent from here.
+bool Sender::IsAsRemoved(const Task& task, const Item& item, const RemoteItem& remote) {
+  return IsVersion(remote, item.etag, item.base_size, item.base_modified) ||
+         WasSent(item.sent, remote, task.stop);
+}
+
 /// Lists the removed folder and all below it. False: somebody has put something in, or changed
 /// something; the folders above that are back in the tree then.
-bool Sender::TreeIsAsRemoved(const Item& folder) {
+bool Sender::TreeIsAsRemoved(const Task& task, const Item& folder) {
   const std::vector<RemoteItem> entries = core_.remote.List(folder.id);
   for (const RemoteItem& entry : entries) {
     std::optional<Item> item;
@@ -461,9 +466,8 @@ bool Sender::TreeIsAsRemoved(const Item& folder) {
       item = core_.catalog.FindId(entry.id);
     }
     if (!item || !item->IsRemoved()) return false;
-    const bool same = item->IsFolder()
-                          ? TreeIsAsRemoved(*item)
-                          : IsVersion(entry, item->etag, item->base_size, item->base_modified);
+    const bool same =
+        item->IsFolder() ? TreeIsAsRemoved(task, *item) : IsAsRemoved(task, *item, entry);
     if (!same) {
       const Lock lock(core_.mutex);
       item = core_.catalog.FindId(entry.id);

@@ -52,7 +52,8 @@ class Sender {
   void MakeFolder(const Task& task);
   void Relocate(const Task& task);
   void Delete(const Task& task);
-  bool TreeIsAsRemoved(const Item& folder);
+  bool IsAsRemoved(const Task& task, const Item& item, const RemoteItem& remote);
+  bool TreeIsAsRemoved(const Task& task, const Item& folder);
   void BringBack(Change& change, Item item, const RemoteItem* remote);
   void EraseTree(Change& change, const Item& item);
 
