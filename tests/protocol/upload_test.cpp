@@ -351,7 +351,7 @@ class TransferTest : public ::testing::Test {
 
  private:
   std::filesystem::path folder_ =
-      std::filesystem::temp_directory_path() / ("transfer_test." + std::to_string(getpid()));
+      std::filesystem::temp_directory_path() / ("upload_test." + std::to_string(getpid()));
 
   static emulator::ServiceOptions InFiles(const std::filesystem::path& folder) {
     emulator::ServiceOptions options;

@@ -19,14 +19,12 @@
 #include "tests/emulator_tokens.h"
 #include "tests/fake_time.h"
 #include "tests/log_recorder.h"
-#include "tests/reliability/small_drive.h"
+#include "tests/reliability/operations.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using small_drive::Look;
-using small_drive::Operation;
-using small_drive::Operations;
+using faults::Operation;
 
 constexpr auto kGivingUp = 30s;  // of what would otherwise hang for ever
 
@@ -63,140 +61,115 @@ class Gate {
   bool held_ = false;
 };
 
-/// A service with one item, whose answer to one kind of request can be held back.
-class GatedService {
- public:
-  std::string Endpoint() const { return server_.Url("/api"); }
-  void HoldNext(const std::string& method, const std::string& ending) {
-    const std::lock_guard guard(mutex_);
-    method_ = method;
-    ending_ = ending;
-    gate.Close();
-  }
-
-  Gate gate;
-  std::atomic<int> refused = 0;
-
- private:
-  emulator::Response Serve(const Received& request) {
-    {
-      const std::lock_guard guard(mutex_);
-      if (request.method != method_ || !request.target.ends_with(ending_)) {
-        return Answer(request);
-      }
-    }
-    gate.Pass();
-    return Answer(request);
-  }
-  emulator::Response Answer(const Received& request) {
-    if (request.target.ends_with("/guarded") && request.Header("Authorization") != "Bearer new") {
-      ++refused;
-      return emulator::JsonResponse(401, "{}");
-    }
-    return small_drive::Answer(request, server_.Url("/session"));
-  }
-
-  std::mutex mutex_;
-  std::string method_;
-  std::string ending_;
-  WebServer server_{[this](const Received& request) { return Serve(request); }};
-};
+AERROR Look(IProtocol_V2& drive, const char* id) {
+  _FS_FILE_V2 file;
+  return drive.GetFileInfo(id, &file, nullptr);
+}
 
 class StallTest : public ::testing::Test {
  protected:
   StallTest() {
-    host.authorize = [this](const std::string&) {
+    rig.service.Put("GET /api/drive/items/guarded", 200, R"({"id":"g","name":"g","size":1})");
+    rig.host.authorize = [this, honest = rig.host.authorize](const std::string& credential) {
       renewal.Pass();
-      return R"({"results":{"refresh_token":"R","access_token":")" + std::string(token) + "\"}}";
+      renewed = true;
+      return honest(credential);
     };
   }
-  ProtocolPtr Connected() {
-    ProtocolPtr p = MakeProtocol(&host);
-    p->SetOpt("service_endpoint", service.Endpoint().c_str());
-    p->SetOpt("service_resource", "r");
-    EXPECT_EQ(p->Connect(&host, R"({"results":{}})"), SUCCESS);
-    return p;
+  AERROR RunAlone(const Operation& operation) {
+    faults::Call call{*rig.protocol, rig.host};
+    return operation.run(call);
   }
   /// All that needs no renewal, on this object and others that come and go.
-  void ExpectTheRestGoesOn(IProtocol_V2& p) {
-    const ProtocolPtr other = Connected();
-    for (const Operation& operation : Operations()) {
-      EXPECT_EQ(operation.run(p), SUCCESS) << operation.name;
+  void ExpectTheRestGoesOn() {
+    const ProtocolPtr other = rig.Made();
+    EXPECT_EQ(other->Connect(&rig.host, faults::kEmptyCredential), SUCCESS);
+    for (const Operation& operation : faults::OperationsOfConnected()) {
+      EXPECT_EQ(RunAlone(operation), SUCCESS) << operation.name;
     }
-    EXPECT_EQ(Look(*other, "item"), SUCCESS);
+    EXPECT_EQ(Look(*other, "i"), SUCCESS);
     char text[64];
     int length = 63;
-    EXPECT_EQ(p.GetUserInfo(text, &length), SUCCESS);
+    EXPECT_EQ(rig.protocol->GetUserInfo(text, &length), SUCCESS);
     length = 63;
-    EXPECT_EQ(p.GetCredential(text, &length), SUCCESS);
+    EXPECT_EQ(rig.protocol->GetCredential(text, &length), SUCCESS);
     length = 63;
-    EXPECT_EQ(p.GetRootID(text, &length), SUCCESS);
+    EXPECT_EQ(rig.protocol->GetRootID(text, &length), SUCCESS);
   }
 
-  const char* token = "old";
-  Gate renewal;
-  GatedService service;
   LogRecorder log;
   ShiftedTime time;
-  TestHost host;
+  Gate renewal;
+  std::atomic<bool> renewed = false;
+  faults::Rig rig;
 };
 
 TEST_F(StallTest, AStalledOperationDelaysNobody) {
-  const ProtocolPtr protocol = Connected();
-  for (const Operation& operation : Operations()) {
+  for (const Operation& operation : faults::Operations()) {
+    if (operation.connects) continue;  // no call may run beside it on its object
     SCOPED_TRACE(operation.name);
     time.Advance(1);  // the quota is asked for again
-    service.HoldNext(operation.method, operation.ending);
+    Gate gate;
+    gate.Close();
+    rig.service.Break(
+        operation.key, [&gate](emulator::Response&) { gate.Pass(); }, 1);
     std::future<AERROR> stalled =
-        std::async(std::launch::async, operation.run, std::ref(*protocol));
-    ASSERT_TRUE(service.gate.WaitUntilHeld());
-    ExpectTheRestGoesOn(*protocol);
+        std::async(std::launch::async, [&] { return RunAlone(operation); });
+    ASSERT_TRUE(gate.WaitUntilHeld());
+    ExpectTheRestGoesOn();
     EXPECT_EQ(stalled.wait_for(0s), std::future_status::timeout);
-    service.gate.Open();
+    gate.Open();
     EXPECT_EQ(stalled.get(), SUCCESS);
   }
 }
 
 TEST_F(StallTest, AStalledRenewalDelaysThoseThatNeedIt) {
-  const ProtocolPtr protocol = Connected();
-  host.ClearCalls();
-  token = "new";
+  std::atomic<int> refused = 0;
+  rig.service.Break("GET /api/drive/items/guarded", [&](emulator::Response& response) {
+    if (renewed) return;
+    ++refused;
+    response = emulator::EmptyResponse(401);
+  });
+  time.Advance(2);
+  rig.host.ClearCalls();
   renewal.Close();
-  const auto look = [&] { return Look(*protocol, "guarded"); };
+  const auto look = [&] { return Look(*rig.protocol, "guarded"); };
   std::vector<std::future<AERROR>> waiting;
   for (int i = 1; i <= 4; ++i) {
     waiting.push_back(std::async(std::launch::async, look));
     ASSERT_TRUE(renewal.WaitUntilHeld());
-    while (service.refused < i) std::this_thread::sleep_for(1ms);
+    while (refused < i) std::this_thread::sleep_for(1ms);
   }
   std::this_thread::sleep_for(300ms);  // from the refusal to the lock
-  ExpectTheRestGoesOn(*protocol);
+  const int before = rig.host.CountOf("Authorize");
+  ExpectTheRestGoesOn();
+  const int others = rig.host.CountOf("Authorize") - before;
   for (std::future<AERROR>& caller : waiting) {
     EXPECT_EQ(caller.wait_for(0s), std::future_status::timeout);
   }
-  const int others = host.CountOf("Authorize") - 1;
   renewal.Open();
   for (std::future<AERROR>& caller : waiting) EXPECT_EQ(caller.get(), SUCCESS);
-  EXPECT_EQ(host.CountOf("Authorize") - others, 2) << "one renewal: for discovery, for the service";
+  EXPECT_EQ(rig.host.CountOf("Authorize") - others, 2)
+      << "one renewal: for discovery, for the service";
 }
 
 // A host that signs in again cannot know what the refresh loop of the earlier sign-in is at.
 TEST_F(StallTest, SigningInAgainMeetsRenewals) {
-  const ProtocolPtr protocol = Connected();
   std::atomic<bool> done = false;
   std::thread loop([&] {
     while (!done) {
       time.Advance(2);
-      static_cast<onedrive4b::OneDriveBiz&>(*protocol).RefreshAuth();
+      static_cast<onedrive4b::OneDriveBiz&>(*rig.protocol).RefreshAuth();
     }
   });
   for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(protocol->Connect(&host, R"({"results":{},"longer":"than a short text"})"), SUCCESS);
+    EXPECT_EQ(rig.protocol->Connect(&rig.host, R"({"results":{},"longer":"than a short text"})"),
+              SUCCESS);
   }
   done = true;
   loop.join();
-  EXPECT_EQ(Look(*protocol, "item"), SUCCESS);
-  EXPECT_EQ(host.replies_out, 0);
+  EXPECT_EQ(Look(*rig.protocol, "i"), SUCCESS);
+  EXPECT_EQ(rig.host.replies_out, 0);
 }
 
 TEST(TimerKiller, LosesNoWakeUp) {

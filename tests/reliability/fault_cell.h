@@ -11,8 +11,7 @@
 
 #include "tests/fake_time.h"
 #include "tests/log_recorder.h"
-#include "tests/reliability/fault_operations.h"
-#include "tests/reliability/fault_report.h"
+#include "tests/reliability/operations.h"
 #include "transport/onedrivebiz_curl.h"
 
 namespace faults {
@@ -33,9 +32,8 @@ struct Outcome {
 
 class FaultTest : public ::testing::Test {
  protected:
-  /// The result and the requests at the faulty place, for the report.
-  std::string Meet(Rig& rig, const Operation& operation, const Outcome& expected,
-                   const std::function<void()>& break_service) {
+  void Meet(Rig& rig, const Operation& operation, const Outcome& expected,
+            const std::function<void()>& break_service) {
     if (operation.connects) rig.Renew();
     time.Advance(std::chrono::hours(2));  // tokens may be renewed again, and the account fetched
     log_.Clear();
@@ -44,7 +42,7 @@ class FaultTest : public ::testing::Test {
     const std::size_t waits = time.waits().size();
     break_service();
     const auto before = std::chrono::steady_clock::now();
-    const AERROR result = operation.run(rig);
+    const AERROR result = rig.Run(operation);
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
     EXPECT_STREQ(GetAERRORA(result), GetAERRORA(expected.result));
     if (expected.reached) {
@@ -53,21 +51,19 @@ class FaultTest : public ::testing::Test {
     EXPECT_EQ(std::vector<long>(time.waits().begin() + static_cast<std::ptrdiff_t>(waits),
                                 time.waits().end()),
               expected.waits);
-    const int requests = CheckWire(rig.service.Take(), operation, expected);
+    CheckWire(rig.service.Take(), operation, expected);
     EXPECT_GE(cq.free.size(), pooled) << "the request object is back in its pool";
     EXPECT_EQ(rig.host.replies_out, 0);
     EXPECT_FALSE(log_.Has("MARKER") || log_.Has("Bearer"));
     time.Advance(std::chrono::hours(2));
     Heal(rig, operation, expected.heals_after);
-    return (result == operation.failure ? "fails" : GetAERRORA(result)) + std::string(", ") +
-           std::to_string(requests) + (requests == 1 ? " request" : " requests");
   }
 
   FakeTime time;
 
  private:
-  static int CheckWire(const std::vector<Seen>& seen, const Operation& operation,
-                       const Outcome& expected) {
+  static void CheckWire(const std::vector<Seen>& seen, const Operation& operation,
+                        const Outcome& expected) {
     int at_fault = 0;
     int others = 0;
     for (const Seen& request : seen) {
@@ -81,7 +77,6 @@ class FaultTest : public ::testing::Test {
       EXPECT_LE(at_fault, expected.requests);
       EXPECT_EQ(others, expected.before) << "nothing follows a failure";
     }
-    return at_fault;
   }
 
   // The same object, and the service is well again. Uploads in parts take a while, so it looks.
@@ -89,8 +84,8 @@ class FaultTest : public ::testing::Test {
     rig.service.Heal();
     const Operation& next = met.name.starts_with("Upload: ") ? Find("GetFileInfo") : met;
     if (calls == kNeedsNewObject) rig.Renew();
-    for (int call = 1; call < calls; ++call) next.run(rig);
-    EXPECT_STREQ(GetAERRORA(next.run(rig)), "SUCCESS") << "the next one works";
+    for (int call = 1; call < calls; ++call) rig.Run(next);
+    EXPECT_STREQ(GetAERRORA(rig.Run(next)), "SUCCESS") << "the next one works";
     EXPECT_EQ(rig.reached, next.whole);
   }
 

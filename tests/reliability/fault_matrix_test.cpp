@@ -301,8 +301,7 @@ Outcome Expected(const Operation& operation, const Fault& fault) {
 
 class FaultMatrix : public faults::FaultTest {
  protected:
-  void Run(const std::string& heading, const std::vector<Fault>& faults) {
-    faults::Report report(heading, "fault");
+  void Run(const std::vector<Fault>& faults) {
     for (const Operation& operation : faults::Operations()) {
       faults::Rig rig(!operation.connects);
       for (const Fault& fault : faults) {
@@ -311,16 +310,15 @@ class FaultMatrix : public faults::FaultTest {
           continue;
         }
         SCOPED_TRACE(operation.name + " meets " + fault.name);
-        const std::string seen = Meet(rig, operation, Expected(operation, fault),
-                                      [&] { fault.apply(rig.service, operation.key); });
-        report.Add(fault.name, operation.name, seen);
+        Meet(rig, operation, Expected(operation, fault),
+             [&] { fault.apply(rig.service, operation.key); });
       }
     }
   }
 };
 
-TEST_F(FaultMatrix, Connections) { Run("Connections", ConnectionFaults()); }
-TEST_F(FaultMatrix, Bodies) { Run("Bodies", BodyFaults()); }
-TEST_F(FaultMatrix, StatusesAndRedirects) { Run("Statuses and redirects", StatusFaults()); }
+TEST_F(FaultMatrix, Connections) { Run(ConnectionFaults()); }
+TEST_F(FaultMatrix, Bodies) { Run(BodyFaults()); }
+TEST_F(FaultMatrix, StatusesAndRedirects) { Run(StatusFaults()); }
 
 }  // namespace

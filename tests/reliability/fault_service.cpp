@@ -178,7 +178,7 @@ emulator::Response FaultService::Serve(emulator::Request& request, bool foreign)
   const std::string key = KeyOf(request);
   const std::string authorization = request.Header("Authorization").value_or("");
   std::array<char, 65536> piece;
-  const std::lock_guard guard(mutex_);
+  std::unique_lock lock(mutex_);
   seen_.push_back({key, authorization, foreign});
   const bool spoiled = !foreign && spoil_ && key == broken_key_ && left_ != 0;
   if (spoiled && left_ > 0) --left_;
@@ -188,7 +188,9 @@ emulator::Response FaultService::Serve(emulator::Request& request, bool foreign)
   emulator::Response response =
       found != answers_.end() ? found->second : emulator::JsonResponse(404, "{}");
   if (!admitted) response = emulator::JsonResponse(401, "{}");
-  if (spoiled) spoil_(response);
+  const Spoil spoil = spoiled ? spoil_ : nullptr;
+  lock.unlock();
+  if (spoil) spoil(response);
   if (response.delivery.place != emulator::Place::kInRequestBody) {
     while (request.body.Read(piece) > 0) {
     }

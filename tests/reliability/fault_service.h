@@ -50,7 +50,8 @@ class FaultService {
   /// The honest answer of a key.
   emulator::Response Honest(const std::string& key) const;
 
-  /// Spoils this many answers at this key; at the first origin only.
+  /// Spoils this many answers at this key; at the first origin only. `spoil` may wait: other
+  /// answers go out meanwhile.
   void Break(const std::string& key, Spoil spoil, int times = kAlways);
   /// Nobody listens any more.
   void Refuse() { StopListening(); }

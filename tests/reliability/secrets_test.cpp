@@ -18,7 +18,8 @@
 
 #include "tests/fake_time.h"
 #include "tests/log_recorder.h"
-#include "tests/reliability/small_drive.h"
+#include "tests/reliability/operations.h"
+#include "tests/web_server.h"
 #include "transport/onedrivebiz_curl.h"
 
 namespace {
@@ -165,7 +166,19 @@ class EchoService {
     if (request.method == "GET" && has("/content")) {
       return Answer(302, "", {{"Location", Url("/download" + kQuery)}});
     }
-    return small_drive::Answer(request, Url("/session" + kQuery));
+    if (request.method == "DELETE") return emulator::EmptyResponse(204);
+    if (has(".createSession")) {
+      return Answer(
+          200, R"({"expirationDateTime":"x","uploadUrl":")" + Url("/session" + kQuery) + "\"}");
+    }
+    if (request.target.ends_with("/drive")) {
+      return Answer(200, R"({"owner":{"user":{"displayName":"R"}},)"
+                         R"("quota":{"total":9,"remaining":2}})");
+    }
+    const std::string item = R"({"id":"item","name":"n","eTag":"e","size":)" +
+                             std::to_string(has("/session") ? faults::kSessionSize : 7) + "}";
+    const bool page = request.method == "GET" && (has("/children") || has("sharedWithMe"));
+    return Answer(200, page ? "{\"value\":[" + item + "]}" : item);
   }
 
   std::mutex mutex_;
@@ -196,12 +209,10 @@ class ModuleSecretsTest : public ::testing::Test {
   }
   void RunAll(IProtocol_V2& p) {
     time.Advance(std::chrono::hours(2));  // renewals and quota are due
-    for (const small_drive::Operation& operation : small_drive::Operations()) {
-      // The one before it has sent its part, too.
-      if (operation.ending != std::string("/session")) operation.run(p);
+    for (const faults::Operation& operation : faults::OperationsOfConnected()) {
+      faults::Call call{p, host};
+      operation.run(call);
     }
-    FileCollector list;
-    p.GetFileList("shared", &list, nullptr);
     std::array<char, 4096> text;
     int length = 4095;
     p.GetCredential(text.data(), &length);
@@ -286,7 +297,7 @@ class ProgramSecretsTest : public ::testing::Test {
     std::ofstream(folder / "Frameworks/service.json") << service.ServiceFile();
     std::ofstream(folder / "work/small") << "content";
     std::ofstream(folder / "work/large") << "";
-    fs::resize_file(folder / "work/large", small_drive::kLarge);
+    fs::resize_file(folder / "work/large", faults::kSessionSize);
   }
   ~ProgramSecretsTest() override { fs::remove_all(folder); }
 

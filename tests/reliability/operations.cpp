@@ -1,13 +1,12 @@
-#include "tests/reliability/fault_operations.h"
+#include "tests/reliability/operations.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <string_view>
 
 namespace faults {
 
 namespace {
-
-constexpr std::int64_t kSessionSize = 104857600;  // the smallest size that takes an upload session
 
 constexpr const char* kItemJson =
     R"({"id":"i","name":"a.txt","eTag":"E1","createdDateTime":"c","lastModifiedDateTime":"m","size":12})";
@@ -54,71 +53,71 @@ void FillWithAnswers(FaultService& service) {
   service.Put("PUT /up later", 200, Stored(kSessionSize));
 }
 
-AERROR Connect(Rig& rig) {
-  const AERROR result = rig.Connect();
+AERROR Connect(Call& call) {
+  const AERROR result = call.drive.Connect(&call.host, kEmptyCredential);
   char name[64] = {};
   int length = sizeof name - 1;
-  rig.reached = rig.protocol->GetUserInfo(name, &length) == SUCCESS ? name : "";
+  call.reached = call.drive.GetUserInfo(name, &length) == SUCCESS ? name : "";
   return result;
 }
 
-AERROR GetQuota(Rig& rig) {
+AERROR GetQuota(Call& call) {
   std::uint64_t total = 1;
   std::uint64_t used = 2;
-  const AERROR result = rig.protocol->GetQuota(&total, &used);
-  rig.reached = std::to_string(total) + "," + std::to_string(used);
+  const AERROR result = call.drive.GetQuota(&total, &used);
+  call.reached = std::to_string(total) + "," + std::to_string(used);
   return result;
 }
 
 // Calls with a record that names the item "i", or a new one "n", with a tag or without.
-template <typename Call>
-AERROR OnRecord(Rig& rig, const char* id, bool tag, Call call) {
+template <typename Change>
+AERROR OnRecord(Call& call, const char* id, bool tag, Change change) {
   _FS_FILE_V2 file;
   file.id = id;
   file.filename = "n";
   file.size = 5;
   if (tag) file.eTag.reset(new char[3]{'E', '0'});
-  const AERROR result = call(*rig.protocol, &file);
-  rig.reached = TextOf(file);
+  const AERROR result = change(call.drive, &file);
+  call.reached = TextOf(file);
   return result;
 }
 
-AERROR GetFileInfo(Rig& rig) {
-  return OnRecord(rig, "", false,
+AERROR GetFileInfo(Call& call) {
+  return OnRecord(call, "", false,
                   [](auto& drive, auto* file) { return drive.GetFileInfo("i", file, nullptr); });
 }
 
-AERROR List(Rig& rig, const char* id) {
+AERROR List(Call& call, const char* id) {
   FileCollector list;
-  const AERROR result = rig.protocol->GetFileList(id, &list, nullptr);
-  rig.reached.clear();
-  for (const _FS_FILE_V2& file : list.files) rig.reached += TextOf(file) + ";";
+  const AERROR result = call.drive.GetFileList(id, &list, nullptr);
+  call.reached.clear();
+  for (const _FS_FILE_V2& file : list.files) call.reached += TextOf(file) + ";";
   return result;
 }
-AERROR ListFolder(Rig& rig) { return List(rig, "f"); }
-AERROR ListShared(Rig& rig) { return List(rig, "shared"); }
+AERROR ListFolder(Call& call) { return List(call, "f"); }
+AERROR ListShared(Call& call) { return List(call, "shared"); }
 
 template <bool tag>
-AERROR Rename(Rig& rig) {
-  return OnRecord(rig, "", tag,
+AERROR Rename(Call& call) {
+  return OnRecord(call, "", tag,
                   [](auto& drive, auto* file) { return drive.Rename("i", "n", file, nullptr); });
 }
 template <bool tag>
-AERROR Move(Rig& rig) {
-  return OnRecord(rig, "", tag,
+AERROR Move(Call& call) {
+  return OnRecord(call, "", tag,
                   [](auto& drive, auto* file) { return drive.Move("i", "f", file, nullptr); });
 }
-AERROR CreateDirectory(Rig& rig) {
-  return OnRecord(rig, "", false, [](auto& drive, auto* file) {
+AERROR CreateDirectory(Call& call) {
+  return OnRecord(call, "", false, [](auto& drive, auto* file) {
     return drive.CreateDirectory("f", file, nullptr);
   });
 }
-AERROR Delete(Rig& rig) {
-  return OnRecord(rig, "i", false,
+AERROR Delete(Call& call) {
+  return OnRecord(call, "i", false,
                   [](auto& drive, auto* file) { return drive.Delete(file, nullptr); });
 }
 
-AERROR Read(Rig& rig) {
+AERROR Read(Call& call) {
   struct Receiver final : IFetchCallback {
     AERROR OnFetch(std::int64_t offset, const char* data, std::int64_t length, int) override {
       if (offset != static_cast<std::int64_t>(bytes.size())) bytes += "(misplaced)";
@@ -127,17 +126,17 @@ AERROR Read(Rig& rig) {
     }
     std::string bytes;
   } receiver;
-  const AERROR result = rig.protocol->Read("i", 0, kReadLength, rig.handle, &receiver, nullptr);
-  rig.reached = receiver.bytes;
+  const AERROR result = call.drive.Read("i", 0, kReadLength, call.handle, &receiver, nullptr);
+  call.reached = receiver.bytes;
   return result;
 }
 
 template <std::int64_t size>
-AERROR Upload(Rig& rig) {
+AERROR Upload(Call& call) {
   FilledContent cache;
-  return OnRecord(rig, "", false, [&](auto& drive, auto* file) {
+  return OnRecord(call, "", false, [&](auto& drive, auto* file) {
     file->size = size;
-    return drive.Upload("f", rig.handle, &cache, file, {}, nullptr);
+    return drive.Upload("f", call.handle, &cache, file, {}, nullptr);
   });
 }
 
@@ -149,9 +148,17 @@ Rig::Rig(bool connect) {
   if (connect && Connect() != SUCCESS) throw std::runtime_error("cannot connect");
 }
 
-void Rig::Renew() {
-  protocol = MakeProtocol(&host);
-  protocol->SetOpt("discovery_url", (service.Origin() + "/discovery").c_str());
+ProtocolPtr Rig::Made() {
+  ProtocolPtr made = MakeProtocol(&host);
+  made->SetOpt("discovery_url", (service.Origin() + "/discovery").c_str());
+  return made;
+}
+
+AERROR Rig::Run(const Operation& operation) {
+  Call call{*protocol, host, handle};
+  const AERROR result = operation.run(call);
+  reached = std::move(call.reached);
+  return result;
 }
 
 std::string TextOf(const _FS_FILE_V2& file) {
@@ -213,6 +220,16 @@ const Operation& Find(std::string_view name) {
     if (operation.name == name) return operation;
   }
   throw std::invalid_argument("no such operation");
+}
+
+std::vector<Operation> OperationsOfConnected() {
+  std::vector<Operation> all;
+  for (const Operation& operation : Operations()) {
+    const bool known = std::any_of(all.begin(), all.end(),
+                                   [&](const Operation& one) { return one.run == operation.run; });
+    if (!operation.connects && !known) all.push_back(operation);
+  }
+  return all;
 }
 
 }  // namespace faults
