@@ -1,6 +1,7 @@
 // One cell of the matrix: an operation meets a fault, and afterwards finds a service that is well.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -38,7 +39,7 @@ class FaultTest : public ::testing::Test {
     time.Advance(std::chrono::hours(2));  // tokens may be renewed again, and the account fetched
     log_.Clear();
     rig.service.Take();
-    const std::size_t pooled = cq.free.size();
+    const std::size_t pooled = std::max<std::size_t>(cq.free.size(), 1);
     const std::size_t waits = time.waits().size();
     break_service();
     const auto before = std::chrono::steady_clock::now();
