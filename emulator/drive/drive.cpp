@@ -55,8 +55,7 @@ Drive::Drive(DriveOptions options)
   root.item.guid = UpperGuid();
   root.item.created = root.item.modified = Now();
   root.item.created_by = root.item.modified_by = options_.owner;
-  nodes_.emplace(root_id_, std::move(root));
-  changed_ = true;
+  MarkChanged(nodes_.emplace(root_id_, std::move(root)).first->second);
 }
 
 Drive::~Drive() = default;
@@ -143,18 +142,19 @@ bool Drive::Remove(std::string_view path) {
 
 void Drive::Share(std::string_view id, SharedRole role) {
   const std::lock_guard lock(mutex_);
-  Get(id).item.shared = role;
-  changed_ = true;
+  Node& node = Get(id);
+  node.item.shared = role;
+  MarkChanged(node);
 }
 
 void Drive::Lock(std::string_view id) {
   const std::lock_guard lock(mutex_);
-  Get(id).locked = true;
+  locked_.insert(Get(id).item.id);
 }
 
 void Drive::Unlock(std::string_view id) {
   const std::lock_guard lock(mutex_);
-  Get(id).locked = false;
+  locked_.erase(Get(id).item.id);
 }
 
 void Drive::SetQuotaTotal(std::uint64_t bytes) {
@@ -164,7 +164,7 @@ void Drive::SetQuotaTotal(std::uint64_t bytes) {
 
 Quota Drive::GetQuota() const {
   const std::lock_guard lock(mutex_);
-  return {.total = options_.quota, .used = used_};
+  return {.total = options_.quota, .used = Get(root_id_).item.size};
 }
 
 void Drive::RewriteUploads(const std::string& name_ending, std::string extra) {
@@ -265,8 +265,8 @@ void Drive::CheckStore(const FileRequest& request, std::uint64_t size) const {
   const std::lock_guard lock(mutex_);
   const Node* there = FileToReplace(request);
   const bool replaces = there != nullptr && request.on_conflict == OnConflict::kReplace;
-  const std::uint64_t freed = replaces ? SizeOf(*there) : 0;
-  if (used_ - freed + size > options_.quota) throw QuotaLimitReached();
+  const std::uint64_t freed = replaces ? there->item.size : 0;
+  if (Get(root_id_).item.size - freed + size > options_.quota) throw QuotaLimitReached();
 }
 
 Item Drive::Change(const ChangeRequest& request) {
@@ -288,7 +288,7 @@ Item Drive::Change(const ChangeRequest& request) {
       name = FreeName(parent, name);
     } else {
       if (there->item.folder || node.item.folder) throw NameAlreadyExists();
-      if (there->locked) throw ResourceLocked();
+      if (AnyLocked(*there)) throw ResourceLocked();
       const std::string replaced = there->item.id;
       Detach(Get(replaced));
       Erase(replaced);
@@ -340,7 +340,6 @@ const Drive::Node* Drive::FindNode(std::string_view path) const {
 
 Item Drive::Describe(const Node& node) const {
   Item item = node.item;
-  item.size = SizeOf(node);
   item.child_count = node.children.size();
   if (node.content) item.hash = node.content->Hash();
   if (item.IsRoot()) return item;
@@ -350,17 +349,16 @@ Item Drive::Describe(const Node& node) const {
   return item;
 }
 
-std::uint64_t Drive::SizeOf(const Node& node) const {
-  if (!node.item.folder) return node.content ? node.content->Size() : 0;
-  std::uint64_t size = 0;
-  for (const auto& [name, id] : node.children) size += SizeOf(Get(id));
-  return size;
+void Drive::AddSize(Node& node, std::uint64_t bytes) {
+  for (Node* up = &node;; up = &Get(up->item.parent_id)) {
+    up->item.size += bytes;
+    if (up->item.IsRoot()) return;
+  }
 }
 
 Drive::Node& Drive::Insert(Node& parent, const std::string& name, bool folder, const Identity& by) {
   Node node;
   node.item.id = RandomItemId();
-  node.item.parent_id = parent.item.id;
   node.item.name = name;
   node.item.folder = folder;
   node.item.guid = UpperGuid();
@@ -368,35 +366,53 @@ Drive::Node& Drive::Insert(Node& parent, const std::string& name, bool folder, c
   node.item.version = node.item.content_version = folder ? 1 : 0;
   node.item.created = node.item.modified = Now();
   node.item.created_by = node.item.modified_by = by;
-  parent.children[FoldName(name)] = node.item.id;
-  changed_ = true;
   std::string id = node.item.id;
-  return nodes_.emplace(std::move(id), std::move(node)).first->second;
+  Node& inserted = nodes_.emplace(std::move(id), std::move(node)).first->second;
+  Attach(inserted, parent);
+  return inserted;
+}
+
+void Drive::Attach(Node& node, Node& parent) {
+  node.item.parent_id = parent.item.id;
+  parent.children[FoldName(node.item.name)] = node.item.id;
+  AddSize(parent, node.item.size);
+  MarkChanged(node);
 }
 
 void Drive::Detach(Node& node) {
-  Get(node.item.parent_id).children.erase(FoldName(node.item.name));
+  Node& parent = Get(node.item.parent_id);
+  parent.children.erase(FoldName(node.item.name));
+  AddSize(parent, 0 - node.item.size);
 }
 
 void Drive::Erase(const std::string& id) {
   const auto found = nodes_.find(id);
   for (const auto& [name, child] : found->second.children) Erase(child);
-  used_ -= found->second.item.folder ? 0 : SizeOf(found->second);
-  if (found->second.content) found->second.content->Abandon();
+  MarkChanged(found->second);
+  Discard(found->second.content);
+  locked_.erase(id);
   nodes_.erase(found);
-  changed_ = true;
+}
+
+void Drive::Discard(const ContentPtr& content) {
+  // Only files have to be there for a run that finds the index as it was.
+  if (content && journal_) replaced_.push_back(content);
+}
+
+void Drive::MarkChanged(const Node& node) {
+  if (journal_) changed_.insert(node.item.id);
 }
 
 void Drive::Touch(Node& node, const Identity& by) {
   ++node.item.version;
   node.item.modified = Now();
   node.item.modified_by = by;
-  changed_ = true;
+  MarkChanged(node);
 }
 
 void Drive::PutContent(Node& file, const ContentPtr& content, const Identity& by) {
-  used_ += content->Size() - SizeOf(file);
-  if (file.content && file.content != content) file.content->Abandon();
+  AddSize(file, content->Size() - file.item.size);
+  if (file.content != content) Discard(file.content);
   file.content = content;
   ++file.item.content_version;
   Touch(file, by);
@@ -429,7 +445,7 @@ const Drive::Node* Drive::FileToReplace(const FileRequest& request) const {
   if (request.on_conflict == OnConflict::kRename) return there;
   if (there->item.folder) throw NameAlreadyExists();
   CheckMatch(*there, request.if_match);
-  if (there->locked) throw ResourceLocked();
+  if (AnyLocked(*there)) throw ResourceLocked();
   return there;
 }
 
@@ -449,9 +465,8 @@ bool Drive::IsInside(std::string_view id, std::string_view folder_id) const {
 }
 
 bool Drive::AnyLocked(const Node& node) const {
-  return node.locked ||
-         std::any_of(node.children.begin(), node.children.end(),
-                     [&](const auto& child) { return AnyLocked(Get(child.second)); });
+  return std::any_of(locked_.begin(), locked_.end(),
+                     [&](const auto& id) { return IsInside(id, node.item.id); });
 }
 
 void Drive::CheckMatch(const Node& node, const std::string& if_match) {
@@ -465,9 +480,8 @@ const Identity& Drive::Author(const Identity* by) const {
 
 void Drive::MoveNode(Node& node, Node& parent, const std::string& name) {
   Detach(node);
-  node.item.parent_id = parent.item.id;
   node.item.name = name;
-  parent.children[FoldName(name)] = node.item.id;
+  Attach(node, parent);
 }
 
 }  // namespace emulator

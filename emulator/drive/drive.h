@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,7 @@
 #include <json/value.h>
 
 #include "emulator/store/content.h"
+#include "emulator/store/journal.h"
 #include "emulator/text/time_text.h"
 
 namespace emulator {
@@ -37,7 +39,7 @@ struct Item {
   std::string parent_path;  // names from the root, each after a slash; "" for the root's children
   std::string name;
   bool folder = false;
-  std::uint64_t size = 0;  // of a folder: of all files in it
+  std::uint64_t size = 0;  // of a folder: of all files below it
   std::size_t child_count = 0;
   std::string guid;
   int version = 1;
@@ -141,12 +143,12 @@ class Drive {
   };
   struct ChangeRequest {
     std::string id;
-    std::string name;       // empty: as it is
-    std::string parent_id;  // empty: where it is
+    std::string name{};       // empty: as it is
+    std::string parent_id{};  // empty: where it is
     OnConflict on_conflict = OnConflict::kFail;
-    std::optional<Seconds> created;
-    std::optional<Seconds> modified;
-    std::string if_match;
+    std::optional<Seconds> created{};
+    std::optional<Seconds> modified{};
+    std::string if_match{};
     const Identity* by = nullptr;
   };
   struct Stored {
@@ -162,7 +164,7 @@ class Drive {
 
   const ContentStore& Store() const { return store_; }
 
-  /// Writes the index, if anything changed since the last time. Throws std::runtime_error.
+  /// Adds to the index what changed since the last time. Throws std::runtime_error.
   void Save();
 
  private:
@@ -170,7 +172,6 @@ class Drive {
     Item item;
     ContentPtr content;
     std::map<std::string, std::string> children;  // by folded name: the order of listings
-    bool locked = false;
   };
   using Nodes = std::map<std::string, Node, std::less<>>;
 
@@ -183,10 +184,15 @@ class Drive {
   const Node* FindNode(std::string_view path) const;
   const Node* FindChild(const Node& folder, std::string_view name) const;
   Item Describe(const Node& node) const;
-  std::uint64_t SizeOf(const Node& node) const;
+  /// To the item and all folders above it, modulo 2^64: adding 0 - n takes n away.
+  void AddSize(Node& node, std::uint64_t bytes);
   Node& Insert(Node& parent, const std::string& name, bool folder, const Identity& by);
+  void Attach(Node& node, Node& parent);
   void Detach(Node& node);
+  /// With all below it; it is detached.
   void Erase(const std::string& id);
+  void Discard(const ContentPtr& content);
+  void MarkChanged(const Node& node);
   void Touch(Node& node, const Identity& by);
   void PutContent(Node& file, const ContentPtr& content, const Identity& by);
   Node& MakeFolders(std::string_view path);
@@ -199,9 +205,11 @@ class Drive {
   void MoveNode(Node& node, Node& parent, const std::string& name);
 
   void Load();
-  void LoadNode(const Json::Value& entry);
+  void LoadRecords(const std::vector<std::string>& records);
   void DropOrphans() const;
-  Json::Value Index() const;
+  static Json::Value Entry(const Node& node);
+  Json::Value Changes(const std::set<std::string>& ids) const;
+  Json::Value WholeIndex() const;
 
   DriveOptions options_;
   ContentStore store_;
@@ -209,10 +217,14 @@ class Drive {
   std::string root_id_;
   mutable std::mutex mutex_;
   Nodes nodes_;
-  std::uint64_t used_ = 0;                       // bytes of all files
+  std::set<std::string> locked_;                 // ids
   std::map<std::string, std::string> rewrites_;  // folded name ending -> bytes appended
-  bool changed_ = false;
-  std::mutex save_mutex_;  // taken before mutex_: the newest index is written last
+  std::set<std::string> changed_;                // ids of items to be saved: changed, new or gone
+  std::vector<ContentPtr> replaced_;             // no item has them, but the saved index still does
+
+  std::mutex save_mutex_;           // taken before mutex_: the newest changes are written last
+  std::optional<Journal> journal_;  // with a directory
+  std::size_t appended_ = 0;        // items in records after the first
 };
 
 }  // namespace emulator

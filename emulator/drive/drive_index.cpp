@@ -1,7 +1,8 @@
-// The part of Drive that outlives the run: an index of the tree in index.json, beside the folder
-// with the contents.
-#include <fstream>
-#include <iterator>
+// The part of Drive that outlives the run: an index of the tree, beside the folder with the
+// contents. Each record of the index is a document with what one request changed,
+//   {"driveId": ..., "rootId": ..., "items": [items as they are now], "gone": [ids]}
+// and the first has all items. When more has been appended than the tree is large, the index is
+// written anew.
 #include <set>
 #include <stdexcept>
 #include <utility>
@@ -14,7 +15,9 @@
 namespace emulator {
 namespace {
 
-constexpr const char* kIndexName = "index.json";
+constexpr const char* kIndexName = "index.journal";
+constexpr const char* kOldIndexName = "index.json";  // of version 1.0: one record, without checksum
+constexpr std::size_t kSmallTree = 1000;  // items; a smaller tree is not written anew more often
 
 Json::Value ToJson(const Identity& identity) {
   Json::Value value;
@@ -69,73 +72,118 @@ Item ToItem(const Json::Value& value) {
 }  // namespace
 
 void Drive::Save() {
-  if (options_.directory.empty()) return;
+  if (!journal_) return;
   const std::lock_guard save_lock(save_mutex_);
-  std::string text;
+  std::set<std::string> changed;
+  std::vector<ContentPtr> replaced;
+  std::string record;
+  bool whole = journal_->IsEmpty();
   {
     const std::lock_guard lock(mutex_);
-    if (!std::exchange(changed_, false)) return;
-    text = base::CompactJson(Index());
+    if (changed_.empty()) return;
+    changed.swap(changed_);
+    replaced.swap(replaced_);
+    whole = whole || appended_ + changed.size() > nodes_.size() + kSmallTree;
+    record = base::CompactJson(whole ? WholeIndex() : Changes(changed));
   }
   try {
-    base::ReplaceFile(options_.directory / kIndexName, text, 0600);
+    if (whole) {
+      journal_->Replace(record);
+    } else {
+      journal_->Append(record);
+    }
   } catch (const std::exception&) {
     const std::lock_guard lock(mutex_);
-    changed_ = true;
+    changed_.merge(changed);
+    replaced_.insert(replaced_.end(), replaced.begin(), replaced.end());
     throw;
   }
+  appended_ = whole ? 0 : appended_ + changed.size();
+  for (const ContentPtr& content : replaced) content->Abandon();
 }
 
-Json::Value Drive::Index() const {
-  Json::Value index;
-  index["driveId"] = id_;
-  index["rootId"] = root_id_;
-  Json::Value& items = index["items"] = Json::arrayValue;
-  for (const auto& [id, node] : nodes_) {
-    Json::Value entry = ToJson(node.item);
-    if (node.content) {
-      entry["file"] = node.content->FileName();
-      entry["hash"] = node.content->Hash();
+Json::Value Drive::Changes(const std::set<std::string>& ids) const {
+  Json::Value record;
+  record["driveId"] = id_;
+  record["rootId"] = root_id_;
+  for (const std::string& id : ids) {
+    const auto found = nodes_.find(id);
+    if (found == nodes_.end()) {
+      record["gone"].append(id);
+    } else {
+      record["items"].append(Entry(found->second));
     }
-    items.append(std::move(entry));
   }
-  return index;
+  return record;
+}
+
+Json::Value Drive::WholeIndex() const {
+  Json::Value record;
+  record["driveId"] = id_;
+  record["rootId"] = root_id_;
+  for (const auto& [id, node] : nodes_) record["items"].append(Entry(node));
+  return record;
+}
+
+Json::Value Drive::Entry(const Node& node) {
+  Json::Value entry = ToJson(node.item);
+  if (node.content) {
+    entry["file"] = node.content->FileName();
+    entry["hash"] = node.content->Hash();
+  }
+  return entry;
 }
 
 void Drive::Load() {
-  if (options_.directory.empty()) return;
-  const auto path = options_.directory / kIndexName;
-  if (!std::filesystem::exists(path)) return;
-  std::ifstream file(path, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  const auto index = base::ParseJson(text);
+  const auto& directory = options_.directory;
+  if (directory.empty()) return;
+  journal_.emplace(directory / kIndexName);
   try {
-    if (!file || !index) throw std::runtime_error("it is no JSON document");
-    id_ = (*index)["driveId"].asString();
-    root_id_ = (*index)["rootId"].asString();
-    for (const Json::Value& entry : (*index)["items"]) LoadNode(entry);
-    for (const auto& [id, node] : nodes_) {
-      if (id != root_id_) Get(node.item.parent_id).children[FoldName(node.item.name)] = id;
+    auto records = journal_->TakeRecords();
+    const bool old = records.empty() && std::filesystem::exists(directory / kOldIndexName);
+    if (old) {
+      constexpr std::size_t kNoLimit = std::size_t(-1);
+      records.push_back(base::ReadFileIfAny(directory / kOldIndexName, kNoLimit).value_or(""));
     }
-    Get(root_id_);
+    if (records.empty()) return;
+    LoadRecords(records);
+    DropOrphans();
+    if (!old) return;
+    changed_.insert(root_id_);
+    Save();
+    std::filesystem::remove(directory / kOldIndexName);
   } catch (const std::exception& error) {
-    throw std::runtime_error("cannot use the drive in " + path.string() + ": " + error.what());
+    throw std::runtime_error("cannot use the drive in " + directory.string() + ": " + error.what());
   }
-  DropOrphans();
 }
 
-void Drive::LoadNode(const Json::Value& entry) {
-  Node node;
-  node.item = ToItem(entry);
-  if (!node.item.folder) {
-    node.content = store_.Reopen(entry["file"].asString(), entry["hash"].asString());
-    used_ += node.content->Size();
+void Drive::LoadRecords(const std::vector<std::string>& records) {
+  // Contents are looked for at the end: those that were replaced meanwhile are not there any more.
+  std::map<std::string, Json::Value> entries;
+  for (const std::string& text : records) {
+    const auto record = base::ParseJson(text);
+    if (!record) throw std::runtime_error("a record of the index is not a JSON document");
+    id_ = (*record)["driveId"].asString();
+    root_id_ = (*record)["rootId"].asString();
+    for (const Json::Value& entry : (*record)["items"]) entries[entry["id"].asString()] = entry;
+    for (const Json::Value& id : (*record)["gone"]) entries.erase(id.asString());
   }
-  std::string id = node.item.id;
-  nodes_.emplace(std::move(id), std::move(node));
+  for (const auto& [id, entry] : entries) {
+    Node node;
+    node.item = ToItem(entry);
+    if (!node.item.folder) {
+      node.content = store_.Reopen(entry["file"].asString(), entry["hash"].asString());
+    }
+    nodes_.emplace(id, std::move(node));
+  }
+  for (auto& [id, node] : nodes_) {
+    if (id != root_id_) Get(node.item.parent_id).children[FoldName(node.item.name)] = id;
+    if (node.content) AddSize(node, node.content->Size());
+  }
+  if (!nodes_.empty()) Get(root_id_);
 }
 
-/// Uploads that were under way when the last run was killed.
+/// Uploads that were under way when the last run was killed, and contents that it had replaced.
 void Drive::DropOrphans() const {
   std::set<std::string> known;
   for (const auto& [id, node] : nodes_) {
