@@ -1,7 +1,7 @@
 // SetCurlOption: one option of a libcurl handle, set with the type that libcurl reads.
 //
-// libcurl takes an option's value from variable arguments, and the checks of its header are for C
-// only: an int where a long is due compiles in silence. Here it does not compile.
+// libcurl reads an option's value from variable arguments, and the checks of its header work in C
+// only: an int in place of a long compiles without a warning. Here it does not compile.
 #pragma once
 
 #include <type_traits>
@@ -10,7 +10,7 @@
 
 namespace base {
 
-/// Whether `Value` is what libcurl reads for `option` (the number's range says so).
+/// Whether libcurl reads a `Value` for `option`; the range of the number tells.
 template <CURLoption option, typename Value>
 constexpr bool IsCurlOptionType() {
   constexpr int kind = option / 10000 * 10000;

@@ -1,4 +1,4 @@
-// Whole files and whole writes: reading with a limit, replacing without a moment of half content.
+// Reading and replacing whole files: reading with a limit, replacing atomically.
 //
 // Callable from any thread. Failures are std::system_error with the system's error number, unless a
 // function says otherwise.
@@ -15,23 +15,23 @@
 
 namespace base {
 
-/// Writes all of it, however often the system takes only a part. False with errno set.
+/// Writes all of the text, with as many system calls as needed. Returns false with errno set.
 bool WriteAll(int fd, std::string_view data) noexcept;
 /// The same, at `offset` of the file.
 bool WriteAllAt(int fd, std::int64_t offset, std::string_view data) noexcept;
 
-/// What follows in `fd` up to its end. More than `limit` bytes are EFBIG.
+/// Reads `fd` up to its end. More than `limit` bytes are EFBIG.
 std::string ReadToEnd(int fd, std::size_t limit);
 
-/// The file's content; nothing for a file that does not exist. As ReadToEnd.
+/// The file's content; empty optional if the file does not exist. Otherwise like ReadToEnd.
 std::optional<std::string> ReadFileIfAny(const std::filesystem::path& file, std::size_t limit);
 
-/// Gives `file` the content and `mode`: written to `file`.new, flushed to the disk, renamed.
-/// Readers see the old content or the new, never a part, and the file is never readable to more
-/// than `mode` says. One caller at a time for one file. On failure the old file stands.
+/// Replaces the content of `file` and sets `mode`: writes `file`.new, flushes it to the disk,
+/// renames it. Readers see the old content or the new, never a part, and at no moment does the file
+/// allow more than `mode`. One caller at a time for one file. On failure the old file is unchanged.
 void ReplaceFile(const std::filesystem::path& file, std::string_view content, mode_t mode);
 
-/// Flushes the entries of a folder to the disk, as far as the file system can.
+/// Flushes the entries of a folder to the disk, if the file system supports it.
 void SyncFolder(const std::filesystem::path& folder) noexcept;
 
 }  // namespace base

@@ -1,4 +1,4 @@
-// Reading and writing JSON documents that came from outside: nothing here throws for bad content.
+// Reading and writing untrusted JSON documents: invalid content causes no exception.
 //
 // Pure functions, callable from any thread.
 #pragma once
@@ -11,19 +11,19 @@
 
 namespace base {
 
-/// The document that `text` holds; nothing when it breaks a rule of JSON (RFC 8259), names a member
-/// twice or is nested too deep.
+/// The document in `text`; empty if it violates a rule of JSON (RFC 8259), contains a member twice
+/// or is nested too deep.
 std::optional<Json::Value> ParseJson(std::string_view text);
 
-/// The object that `text` holds. Allows what is harmless in documents of others: comments, members
-/// named twice, text behind the document.
+/// The object in `text`. Allows what is harmless in other programs' documents: comments, repeated
+/// members, text after the document.
 std::optional<Json::Value> ParseJsonObject(std::string_view text);
 
-/// Member `name` as text; nothing when `object` is not an object or the member is missing or not a
-/// text.
+/// Member `name` as text; empty optional if `object` is not an object, or if the member is missing
+/// or not a text.
 std::optional<std::string> TextMember(const Json::Value& object, const std::string& name);
 
-/// Member `name` as an object; an empty one when it is missing or something else.
+/// Member `name` as an object; an empty object if it is missing or not an object.
 Json::Value ObjectMember(const Json::Value& object, const std::string& name);
 
 /// Compact UTF-8 text without a final line feed.

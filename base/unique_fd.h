@@ -1,6 +1,6 @@
 // UniqueFd: the owner of one file descriptor.
 //
-// Not shared between threads without the owner's own lock. Closes the descriptor when destroyed.
+// Threads that share an object need a lock of their own. Closes the descriptor when destroyed.
 #pragma once
 
 #include <utility>
@@ -25,11 +25,10 @@ class UniqueFd {
   int get() const noexcept { return fd_; }
   explicit operator bool() const noexcept { return fd_ >= 0; }
 
-  /// Hands the descriptor over to the caller.
+  /// Passes the ownership of the descriptor to the caller.
   int Release() noexcept { return std::exchange(fd_, -1); }
 
-  /// False when the system reports an error, which for some file systems is where a failed write
-  /// shows first.
+  /// False if the system reports an error; some file systems report a failed write only here.
   bool Close() noexcept { return fd_ < 0 || ::close(std::exchange(fd_, -1)) == 0; }
 
  private:

@@ -1,4 +1,4 @@
-// UTF-8 (RFC 3629) decoded and encoded, and letters without regard to case.
+// Decodes and encodes UTF-8 (RFC 3629), and folds case.
 //
 // Pure functions, callable from any thread. None depends on the user's locale.
 #pragma once
@@ -13,7 +13,7 @@ namespace base {
 
 struct CodePoint {
   char32_t value = 0;
-  std::size_t length = 1;  ///< bytes taken
+  std::size_t length = 1;  ///< bytes of the character
   bool valid = false;      ///< false: one byte that is not part of a character
 };
 
@@ -26,11 +26,11 @@ void AppendUtf8(std::string& out, char32_t value);
 /// `text` with each invalid byte replaced by U+FFFD.
 std::string ValidUtf8(std::string_view text);
 
-/// Lower-case form by which names are compared without regard to case. Invalid bytes stay as they
-/// are, so two texts that differ in them stay different.
+/// Lower-case form, for comparing names without regard to case. Invalid bytes are unchanged, so two
+/// texts that differ in them stay different.
 std::string FoldCase(std::string_view text);
 
-/// Unicode's character tables, whatever the user's locale is; null when the system has none.
+/// Unicode's character tables, independent of the user's locale; null if the system has none.
 locale_t Utf8Locale() noexcept;
 
 }  // namespace base

@@ -6,7 +6,7 @@
 
 namespace ProtocolUtil {
 
-/// {name: {"value", "label", "default", "read_only", "optional"}}, without "default" when
+/// {name: {"value", "label", "default", "read_only", "optional"}}, without "default" if
 /// `defaultValue` is null. Any other null text counts as "".
 ONEDRIVE4B_EXPORT onedrive4b::JsonObject createItem(char* name, char* value, char* label,
                                                     char* defaultValue, bool readOnly,

@@ -8,19 +8,19 @@
 #include "onedrive4b/export.h"
 
 /// The pieces of `text` between matches of `separator`. A separator at the start and consecutive
-/// separators give empty pieces, one at the very end gives no empty last piece, and a text without
-/// separator, the empty one included, is one piece.
+/// separators produce empty pieces; a separator at the end does not. A text without a separator,
+/// even an empty text, is one piece.
 ONEDRIVE4B_EXPORT std::vector<std::string> split(const std::string& text,
                                                  const std::regex& separator);
 ONEDRIVE4B_EXPORT std::vector<std::wstring> split(const std::wstring& text,
                                                   const std::wregex& separator);
 
-/// Formats as printf does. "" when the C library keeps reporting an error for the arguments.
+/// Formats like printf. "" if the C library reports an error for the arguments.
 ONEDRIVE4B_EXPORT std::string string_format(std::string format, ...);
 
-/// Replaces `from` in `text` by `to`, left to right. The search goes on at the start of the
-/// inserted text plus the length of `from`, so a match may begin inside inserted text; one that
-/// lies wholly inside it is passed over. An empty `from` changes nothing.
+/// Replaces `from` in `text` with `to`, from left to right. The search continues at the start of
+/// the inserted text plus the length of `from`, so a match may begin inside inserted text; a match
+/// that lies wholly inside it is skipped. An empty `from` changes nothing.
 ONEDRIVE4B_EXPORT void replace_all(std::string& text, const std::string& from,
                                    const std::string& to);
 ONEDRIVE4B_EXPORT void replace_all(std::wstring& text, const std::wstring& from,
@@ -28,6 +28,6 @@ ONEDRIVE4B_EXPORT void replace_all(std::wstring& text, const std::wstring& from,
 
 ONEDRIVE4B_EXPORT bool ends_with(const std::string& text, const std::string& suffix);
 
-/// Copies `source` without leading and trailing spaces (" " only) to `destination`, which needs
+/// Copies `source` without leading and trailing spaces (" " only) to `destination`, which must have
 /// room for the result and its NUL and may be `source` itself.
 ONEDRIVE4B_EXPORT void strip(char* source, char* destination);

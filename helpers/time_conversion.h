@@ -1,11 +1,10 @@
 // Conversions between RFC 3339 text, time_t and struct tm.
 //
-// Text made here is "YYYY-MM-DDThh:mm:ss.000Z". Text read here is taken up to the seconds: a
-// fraction, "Z" or a numeric offset is ignored, and missing fields count as 0. "Local offset at T"
-// means T minus T's UTC fields read back as local standard time, in whole seconds, positive east of
-// UTC.
+// The functions write "YYYY-MM-DDThh:mm:ss.000Z". They read a text up to the seconds: a fraction,
+// "Z" or a numeric offset is ignored, and missing fields count as 0. "Local offset at T" means T
+// minus T's UTC fields read back as local standard time, in whole seconds, positive east of UTC.
 //
-// Inputs besides the arguments are the clock and the process's time zone. Callable from any thread.
+// The results also depend on the clock and on the process's time zone. Callable from any thread.
 #pragma once
 
 #include <ctime>
@@ -27,7 +26,7 @@ ONEDRIVE4B_EXPORT std::string AdjustOffsetForServerTime(std::time_t time);
 /// The text itself.
 ONEDRIVE4B_EXPORT std::string NoAdjustServerTimeOffset(std::string time);
 
-/// UTC text of the moment that `time`, read as local standard time, lies the local offset after.
+/// UTC text of `time`, read as local standard time, minus the local offset.
 ONEDRIVE4B_EXPORT std::string AdjustServerTimeOffset(std::string time);
 
 /// The moment at which local standard time shows the fields of `time`.

@@ -7,12 +7,13 @@
 ///   - `*` is any run of characters;
 ///   - `?` is exactly one character;
 ///   - `"` is a dot if one comes next, else nothing;
-///   - `<` is any run up to, not including, the last dot that is left; any run when none is left;
+///   - `<` is any run up to, but not including, the last remaining dot; any run if no dot remains;
 ///   - `>` is one character other than a dot, or a dot that is not the name's last; at the last dot
 ///     it is nothing.
 ///
-/// With `ignoreCase` other characters are compared in upper case, as the C locale in force has it.
-/// Time grows with the product of the two lengths, whatever the pattern. Callable from any thread.
+/// With `ignoreCase` other characters are compared in upper case, by the current C locale. The
+/// running time grows with the product of the two lengths, for every pattern. Callable from any
+/// thread.
 ONEDRIVE4B_EXPORT bool IsNameInExpression(const wchar_t* expression, const wchar_t* name,
                                           bool ignoreCase);
 ONEDRIVE4B_EXPORT bool IsNameInExpressionA(const char* expression, const char* name,

@@ -1,5 +1,4 @@
-// BootClock: a clock for how long something is good for. It also counts while the machine sleeps,
-// which the steady clock does not.
+// BootClock: a clock for lifetimes. Unlike the steady clock it also runs while the machine sleeps.
 #pragma once
 
 #include <chrono>

@@ -1,12 +1,10 @@
-// Cancellation: one request to end, for everything that somebody waits for together.
+// Cancellation: one request to end several waits, transfers and requests together.
 //
-// Its owner raises it once: because of a signal, or because nobody waits for the result any more.
-// From then on waits end, the registered transfers stop, and requests that were given it are
-// aborted.
+// Its owner raises it once: because of a signal, or because the result is no longer needed. Then
+// waits end, the registered transfers stop, and requests that use it are aborted.
 //
-// Threads: every operation may be called from any thread. Raise takes a lock: not from a signal
-// handler.
-// Lifetime: must outlive everything that was given it.
+// Threads: every operation may be called from any thread. Raise takes a lock, so a signal handler
+// must not call it. Lifetime: must outlive everything that uses it.
 #pragma once
 
 #include <atomic>
@@ -59,7 +57,7 @@ class Cancellation {
     std::list<const Transfers*>::iterator place_;
   };
 
-  /// Work that must not be cut short once it has begun, such as spending a token that is good for
+  /// Work that must not be interrupted once it has begun, such as using a token that is valid for
   /// one use. Throws as Check does instead of beginning when the cancellation is raised.
   class Unbroken {
    public:
@@ -72,8 +70,7 @@ class Cancellation {
     Cancellation& cancellation_;
   };
 
-  /// For whoever would end the process: waits until no Unbroken is left. False when `time` is over
-  /// before.
+  /// To be called before the process ends: waits until no Unbroken is left. False after `time`.
   bool WaitForUnbroken(std::chrono::milliseconds time);
 
  private:

@@ -1,8 +1,9 @@
 // Connection: one protocol object of the module, with its options set and signed in.
 //
-// Threads: the protocol object takes calls from several threads; the rest is for its maker.
-// Lifetime: what the context names must outlive it. No operation may be running when it is
-// destroyed; that waits for a renewal of tokens that is running.
+// Threads: the protocol object may be used from several threads; everything else belongs to the
+// thread that made the connection. Lifetime: the objects in the context must outlive it. No
+// operation may be running when it is destroyed; the destructor waits for a running renewal of
+// tokens.
 #pragma once
 
 #include <cstdint>
@@ -38,8 +39,8 @@ Failure DescribeFailure(const ModuleLibrary& module, AERROR result, const std::s
 
 class Connection {
  public:
-  /// Throws Failure: kSignIn when the authority refuses, kUnreachable when it gives no answer, and
-  /// so on.
+  /// Throws Failure: for example kSignIn if the authority refuses, kUnreachable if it does not
+  /// answer.
   Connection(const SessionContext& context, const SessionOptions& options);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;

@@ -12,7 +12,7 @@
 namespace host {
 
 enum class FailureKind {
-  kFailed,       ///< the service or the module failed an operation; nothing more exact is known
+  kFailed,       ///< the service or the module failed an operation for an unknown reason
   kUsage,        ///< the caller's settings or arguments are invalid
   kModule,       ///< the module could not be loaded
   kSignIn,       ///< not signed in, or the authority refused
@@ -23,16 +23,16 @@ enum class FailureKind {
   kChanged,      ///< the item is no longer the one that the caller knew (412, 416)
   kLocked,       ///< somebody has the item open (423)
   kQuota,        ///< the drive is full (507)
-  kTooLarge,     ///< the service takes no files of this size (413)
-  kThrottled,    ///< the service asks for fewer requests (429, 503)
-  kTrouble,      ///< the service has a fault of its own (other 5xx)
+  kTooLarge,     ///< the file is too large for the service (413)
+  kThrottled,    ///< the service receives too many requests (429, 503)
+  kTrouble,      ///< a fault in the service (other 5xx)
   kUnreachable,  ///< no answer came: no connection, time-out, a broken transfer
   kProxy,        ///< the proxy cannot be reached or rejected the request
   kLocal,        ///< a local file, folder or the output could not be read or written
-  kInterrupted,  ///< whoever waited for it asked it to end
+  kInterrupted,  ///< the caller cancelled the operation
 };
 
-/// Whether the same operation may succeed later without anybody changing anything.
+/// Whether the same operation may succeed later without a change by the user.
 bool MayPass(FailureKind kind) noexcept;
 
 /// `what()` says what failed, `advice()` what the person can do about it (may be empty). Neither

@@ -1,4 +1,4 @@
-// HttpClient: the host's own requests to the authority. Forms go out, small answers come back.
+// HttpClient: the host's own requests to the authority, with forms and small answers.
 //
 // Threads: Post may be called from any thread; each call has its own libcurl handle.
 // Lifetime: the settings are copied.
@@ -28,13 +28,13 @@ struct HttpResponse {
   std::string body;  ///< bounded; a longer answer is an HttpError
 };
 
-/// No answer came: the text says why and holds neither address nor secret.
+/// There was no answer: the text says why and contains neither an address nor a secret.
 class HttpError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// The proxy, not the server behind it, is what failed.
+/// The proxy failed, not the server behind it.
 class ProxyError : public HttpError {
  public:
   ProxyError(AERROR code, const std::string& text) : HttpError(text), code_(code) {}
@@ -52,8 +52,8 @@ class HttpClient {
   explicit HttpClient(HttpSettings settings) : settings_(std::move(settings)) {}
 
   /// POSTs `fields` as application/x-www-form-urlencoded. Follows no redirects, which would hand
-  /// the fields to another address. Throws HttpError, or ProxyError when it is the proxy's doing. A
-  /// `cancellation` that is raised aborts the request.
+  /// the fields to another address. Throws HttpError, or ProxyError if the proxy failed. Raising
+  /// `cancellation` aborts the request.
   HttpResponse PostForm(const std::string& url, const FormFields& fields,
                         const Cancellation* cancellation = nullptr) const;
 

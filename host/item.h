@@ -1,5 +1,4 @@
-// Item: what is known of one file or folder of the drive. Plain values, free of the module's
-// memory.
+// Item: one file or folder of the drive. Plain values; they use no memory of the module.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +12,10 @@ namespace host {
 inline constexpr const char* kDriveId = "root";
 
 struct Item {
-  std::string id;    ///< the module's name of the item; opaque
-  std::string name;  ///< as the service writes it; UTF-8 unless the service is broken
+  std::string id;    ///< names the item to the module; opaque
+  std::string name;  ///< as the service sends it; normally UTF-8
   bool folder = false;
-  bool made_up = false;   ///< a folder of the module's own: nothing can be added to it
+  bool made_up = false;   ///< a folder that the module synthesised; nothing can be added to it
   std::int64_t size = 0;  ///< bytes; 0 for folders
   std::string created;    ///< RFC 3339
   std::string modified;   ///< RFC 3339
@@ -25,7 +24,7 @@ struct Item {
 
 Item ToItem(const _FS_FILE_V1& record);
 
-/// What the module's operations read of an item.
+/// The fields of an item that the module's operations read.
 _FS_FILE_V2 ToRecord(const Item& item);
 
 }  // namespace host

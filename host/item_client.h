@@ -1,9 +1,9 @@
-// ItemClient: the drive of a session by ids. What goes wrong is a Failure that says what was done
-// to which item; `shown` is how messages name the item, a path mostly.
+// ItemClient: the drive of a session by ids. Each operation throws a Failure that names the
+// operation and the item; `shown` is the item's name in messages, usually a path.
 //
 // Threads: every operation may be called from several threads at once. Callbacks of a transfer run
 // on its caller's thread.
-// Lifetime: the session must outlive it. What it returns holds nothing of the module's.
+// Lifetime: the session must outlive it. Its results use no memory of the module.
 #pragma once
 
 #include <cstdint>
@@ -56,26 +56,26 @@ class ItemClient {
 
   std::vector<Item> List(const std::string& id, const std::string& shown) const;
 
-  /// What the service says of the item now.
+  /// The current item.
   Item Describe(const std::string& id, const std::string& shown) const;
 
   Item MakeFolder(const NewPlace& place) const;
 
-  /// Refused, as Move is, when the item's tag is known and no longer the service's.
+  /// Like Move, fails if the item's tag is known and differs from the service's current tag.
   Item Rename(const Item& item, const std::string& name, const std::string& shown) const;
 
   /// Puts the item into another folder, under its old name or a new one.
   Item Move(const Item& item, const NewPlace& place, const std::string& shown) const;
 
-  /// Deletes the item as it is now, a folder with all it holds.
+  /// Deletes the current version of the item; a folder with its contents.
   void Delete(const Item& item, const std::string& shown) const;
 
-  /// Pieces come in order; after a repeated request they start again at the first byte. Fewer bytes
-  /// than asked for mean the end of the file.
+  /// Pieces arrive in order; after a repeated request they start again at the first byte. Fewer
+  /// bytes than requested mean the end of the file.
   void Read(const ReadRequest& request, IFetchCallback& to, const std::string& shown) const;
 
-  /// Makes the file, or gives the file of this name a new version. Reads `from` again from its
-  /// start when a request is repeated. `shown`: where the content comes from.
+  /// Creates the file, or a new version of the file with this name. Reads `from` again from its
+  /// start when a request is repeated. `shown`: the source of the content.
   Item Upload(const UploadRequest& request, ICacheIO& from, const std::string& shown) const;
 
  private:

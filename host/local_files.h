@@ -15,10 +15,10 @@ namespace host {
 /// longer than `limit` bytes.
 std::string ReadSmallFile(const std::filesystem::path& file, std::size_t limit);
 
-/// As ReadSmallFile, but nothing for a file that does not exist.
+/// Like ReadSmallFile, but an empty optional if the file does not exist.
 std::optional<std::string> ReadSmallFileIfAny(const std::filesystem::path& file, std::size_t limit);
 
-/// base::ReplaceFile with mode 0600. Throws a kLocal Failure; the old file then stands.
+/// base::ReplaceFile with mode 0600. Throws a kLocal Failure; the old file is unchanged then.
 void ReplacePrivateFile(const std::filesystem::path& file, std::string_view content);
 
 }  // namespace host

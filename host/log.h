@@ -1,5 +1,5 @@
-// Log: the logger that the module is bound to, and the place for the host's own lines. It takes
-// secrets out and hands each line to a sink, which decides where lines go.
+// Log: the logger that the module is bound to; the host logs its own lines here, too. It removes
+// secrets and passes each line to a sink, which decides where the lines go.
 //
 // Threads: every operation may be called from any thread.
 // Lifetime: must outlive the module's binding to it; redactor and sink must outlive it.
@@ -15,8 +15,8 @@
 
 namespace host {
 
-/// Where lines go. Called from several threads at once, with texts that hold no secret and nothing
-/// that a terminal would obey.
+/// Receives the lines. Called from several threads at once, with texts that contain no secrets and
+/// no control sequences.
 class LogSink {
  public:
   virtual ~LogSink() = default;
@@ -24,13 +24,13 @@ class LogSink {
   /// Whether lines of this level are wanted; others are not even formatted.
   virtual bool Wants(LOGLEVEL level) = 0;
   virtual void Write(LOGLEVEL level, std::string_view line) = 0;
-  /// Something that the person should know, whatever the levels that are wanted.
+  /// A warning for the user, independent of the levels that are wanted.
   virtual void Warn(std::string_view text) = 0;
 };
 
-/// Collects the error lines that the calling thread logs while it exists: the module's operations
-/// report a bare number, and this is where the reason stands. The newest object of a thread gets
-/// the lines.
+/// Collects the error lines that the calling thread logs while the object exists: the module's
+/// operations return only a number, and the reason is in these lines. The newest object of a thread
+/// receives the lines.
 class ErrorLines {
  public:
   ErrorLines() noexcept;
@@ -47,8 +47,8 @@ class ErrorLines {
   std::vector<std::string> lines_;
 };
 
-/// How often, since the last call, operations of the calling thread have waited because the service
-/// asked for fewer requests.
+/// How often operations of the calling thread have waited because of throttling since the last
+/// call.
 int TakeWaits() noexcept;
 
 class Log final : public ILog {

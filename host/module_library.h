@@ -13,9 +13,9 @@ namespace host {
 
 class ModuleLibrary {
  public:
-  /// Loads `file`; an empty one means the place beside the program where it is installed, else the
-  /// system's library path. Throws a kModule Failure when it is missing, lacks an entry point or
-  /// serves another protocol.
+  /// Loads `file`; an empty name means the installed place next to the program, else the system's
+  /// library path. Throws a kModule Failure if the file is missing, lacks an entry point or
+  /// implements another protocol.
   explicit ModuleLibrary(const std::filesystem::path& file);
 
   decltype(&::BindLogger) bind_logger = nullptr;
@@ -37,7 +37,7 @@ class ModuleLibrary {
 /// Folder of the running program's real file, links resolved.
 std::filesystem::path ProgramFolder();
 
-/// The certificate bundle that is shipped beside the program; empty when there is none.
+/// The certificate bundle that is shipped next to the program; empty if there is none.
 std::filesystem::path CertificateBundle();
 
 }  // namespace host

@@ -1,7 +1,7 @@
-// Proxies: which one requests go through, by the command line's word or the environment's.
+// Proxies: the choice between the command line's proxy and the environment's.
 //
-// Plain values; every function may be called from any thread but ProxyEnvironment::Read, which is
-// for the program's start.
+// Plain values. Every function may be called from any thread, except ProxyEnvironment::Read: call
+// it at the program's start.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +19,10 @@ struct ProxySettings {
 };
 
 /// Reads [socks4|socks5|http]://[user[:password]@]host[:port]. `tunnel` counts for http only.
-/// Throws a kUsage Failure that does not repeat the text, which may hold a password.
+/// Throws a kUsage Failure that does not quote the text, which may contain a password.
 ProxySettings ParseProxy(const std::string& url, bool tunnel);
 
-/// The variables that programs agree on. An empty text is the same as none.
+/// The usual variables. An empty value counts as unset.
 struct ProxyEnvironment {
   /// Reads https_proxy, http_proxy, all_proxy and no_proxy, or the same in capitals; not
   /// HTTP_PROXY, which a web server may set from a request's header.
@@ -40,11 +40,11 @@ bool IsExempt(const std::string& host, const std::string& no_proxy);
 
 class ProxyRule {
  public:
-  /// No proxy, whatever the environment says.
+  /// No proxy; ignores the environment.
   static ProxyRule None() { return {}; }
   /// `proxy`, for all but what `environment.no_proxy` exempts.
   static ProxyRule Fixed(ProxySettings proxy, const ProxyEnvironment& environment);
-  /// The environment's proxies. Never for this machine itself.
+  /// The environment's proxies, but never for this machine itself.
   static ProxyRule FromEnvironment(ProxyEnvironment environment);
 
   /// The proxy for a request to `url`. Throws a kUsage Failure when the environment names one of a

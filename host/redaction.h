@@ -1,4 +1,4 @@
-// Redactor: takes secrets out of lines before anyone sees them.
+// Redactor: removes secrets from lines before they are shown.
 //
 // Callable from any thread.
 #pragma once
@@ -13,12 +13,11 @@ namespace host {
 
 class Redactor {
  public:
-  /// `secret` will be hidden wherever it occurs. Texts under four characters are ignored: hiding
-  /// them would tear ordinary words.
+  /// Hides `secret` wherever it occurs. Texts under four characters are ignored, because they occur
+  /// in ordinary words.
   void AddSecret(const std::string& secret);
 
-  /// The same for a token, of which there are ever more: only the newest are kept, the others have
-  /// long been replaced.
+  /// The same for a token. Only the newest tokens are kept; older ones are no longer valid.
   void AddToken(const std::string& token);
 
   /// `line` without known secrets, bearer tokens, values of token-like form fields and JSON

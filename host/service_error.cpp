@@ -73,12 +73,12 @@ constexpr auto kMeanings = std::to_array<StatusMeaning>({
     {409, FailureKind::kConflict,
      "an item of this name already exists, or another change is in progress"},
     {412, FailureKind::kChanged, "the item was changed by someone else; list the folder again"},
-    {413, FailureKind::kTooLarge, "the service takes no files of this size"},
+    {413, FailureKind::kTooLarge, "the file is too large for the service"},
     {416, FailureKind::kChanged, "the file is shorter now; list the folder again"},
     {423, FailureKind::kLocked,
      "the item is locked, perhaps because it is open somewhere; try later"},
-    {429, FailureKind::kThrottled, "the service asks for fewer requests; try later"},
-    {503, FailureKind::kThrottled, "the service asks for fewer requests; try later"},
+    {429, FailureKind::kThrottled, "the service receives too many requests; try again later"},
+    {503, FailureKind::kThrottled, "the service receives too many requests; try again later"},
     {507, FailureKind::kQuota, "the drive is full"},
 });
 
@@ -131,7 +131,7 @@ FailureKind KindOf(AERROR result, const ServiceError& error) {
 std::string AdviceFor(const ServiceError& error) {
   if (const StatusMeaning* meaning = MeaningOf(error.status)) return meaning->advice;
   if (error.status >= 500) return "the service reports a fault of its own; try later";
-  if (error.throttled) return "the service asks for fewer requests; try later";
+  if (error.throttled) return "the service receives too many requests; try again later";
   return "";
 }
 

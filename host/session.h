@@ -2,13 +2,14 @@
 //
 // The module renews a token when the service refuses it, but not twice within 3660 seconds, and
 // tokens live for 3600: an object that stays signed in fails for a minute of every hour. So a
-// session keeps protocol objects in turn. A thread of its own signs a fresh one in before the token
-// of the one in use ends; new calls get the fresh one, and the old one is released when its calls
-// have ended. A token that is withdrawn earlier is replaced when a call meets that.
+// session uses several protocol objects in turn. Its own thread signs in a fresh object before the
+// token of the current one expires; new calls use the fresh object, and the old one is released
+// when its calls have ended. A token that is withdrawn earlier is replaced after the first refused
+// call.
 //
 // Threads: Call and Connect may be called from any thread, the rest by the owner.
-// Lifetime: what the context names must outlive it. No call may be running when it is destroyed. At
-// most one session of a module at a time: it binds the module's logger.
+// Lifetime: the objects in the context must outlive it. No call may be running when it is
+// destroyed. At most one session of a module at a time: it binds the module's logger.
 #pragma once
 
 #include <chrono>
@@ -29,14 +30,14 @@ namespace host {
 
 /// When a session signs in again.
 struct RenewalTimes {
-  /// Shares of a token's life after which it is replaced; the moment is drawn between them, so that
-  /// many hosts that were started together do not ask together.
+  /// Shares of a token's lifetime between which it is replaced; the moment is random, so that hosts
+  /// that were started together do not all renew at the same time.
   double earliest = 0.65;
   double latest = 0.75;
-  /// A failed renewal in the background is tried again after this time, doubled up to the longest.
+  /// A failed background renewal is repeated after this time, which doubles up to the longest.
   std::chrono::milliseconds first_retry{std::chrono::seconds(30)};
   std::chrono::milliseconds longest_retry{std::chrono::minutes(5)};
-  /// So long after a failed sign-in, calls that need one fail at once.
+  /// For this time after a failed sign-in, calls that need a sign-in fail at once.
   std::chrono::milliseconds calm{std::chrono::seconds(5)};
 };
 
@@ -46,18 +47,18 @@ class Session {
 
   /// Does not sign in.
   Session(const SessionContext& context, SessionOptions options, const RenewalTimes& times = {});
-  /// Waits for a sign-in that is running.
+  /// Waits for a running sign-in.
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Signs in, unless a token is at hand. Throws Failure.
+  /// Signs in, unless there is a valid token. Throws Failure.
   void Connect();
 
   /// Runs `operation` with a signed-in protocol object; signs in before that when there is none.
   /// Throws a Failure that says that `action` failed, with the result's name and what the module
-  /// logged about it on this thread, unless the result is SUCCESS. An operation that the service
-  /// refuses for want of a good token is run a second time, with a new one.
+  /// logged about it on this thread, unless the result is SUCCESS. If the service
+  /// refuses the token, the operation is run a second time with a new one.
   void Call(const std::string& action, const Operation& operation);
 
  private:

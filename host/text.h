@@ -1,4 +1,4 @@
-// Text for people: names made safe for a terminal, columns that line up, sizes.
+// Text for people: names that are safe for a terminal, aligned columns, sizes.
 //
 // Pure functions, callable from any thread. None depends on the user's locale: texts are UTF-8 and
 // numbers are written the C way.
@@ -13,30 +13,31 @@
 
 namespace host {
 
-/// What printf would write, of any length.
+/// Formats like printf, without a length limit.
 [[gnu::format(printf, 1, 2)]] std::string Formatted(const char* format, ...);
 std::string FormattedV(const char* format, std::va_list arguments);
 
-/// `text` with everything that a terminal could obey or hide written out: control characters as
+/// `text` with everything escaped that could control a terminal or be invisible: control characters
+/// as
 /// `\n`, `\t` or `\u{..}`, direction marks as `\u{..}`, bytes that are not UTF-8 as `\x..`.
 std::string EscapeForTerminal(std::string_view text);
 
 /// 'text', escaped, for messages.
 std::string Quoted(std::string_view text);
 
-/// Terminal cells that an escaped text takes.
+/// Width of an escaped text in terminal cells.
 std::size_t DisplayWidth(std::string_view text);
 
 /// `text` filled with blanks to `width` cells, at its right or (`right_aligned`) at its left.
 std::string Padded(std::string_view text, std::size_t width, bool right_aligned = false);
 
-/// The first `width` cells of an escaped text, with "..." for what was cut.
+/// The first `width` cells of an escaped text; "..." replaces the rest.
 std::string Shortened(std::string_view text, std::size_t width);
 
 /// "0 B", "999 B", "1.5 KiB", "12 MiB": three digits at most before the unit.
 std::string HumanSize(std::uint64_t bytes);
 
-/// Reads "500", "64k", "2M", "1G" (factors of 1024). Nothing for another text, zero or overflow.
+/// Reads "500", "64k", "2M", "1G" (factors of 1024). Empty for other texts, zero or overflow.
 std::optional<std::int64_t> ParseSize(std::string_view text);
 
 /// "1:02:03" or "2:03".

@@ -1,4 +1,4 @@
-// Url: an address taken apart by libcurl's own parser, so that both see the same parts.
+// Url: an address parsed by libcurl's own parser, so that program and libcurl see the same parts.
 //
 // Used by one thread at a time; the functions may be called from any.
 #pragma once
@@ -16,7 +16,7 @@ class Url {
 
   bool ok() const noexcept { return ok_; }
 
-  /// A part; empty when there is none. The host of an IPv6 address has its brackets.
+  /// A part; empty if it is missing. The host of an IPv6 address includes its brackets.
   std::string Part(CURLUPart part, unsigned flags = 0) const;
 
  private:
@@ -24,8 +24,8 @@ class Url {
   bool ok_ = false;
 };
 
-/// Whether the host of a URL is this machine for certain: "localhost", 127.0.0.0/8 or [::1]. Names
-/// that only look alike, such as 127.example.com, are not.
+/// Whether the host of a URL is certainly this machine: "localhost", 127.0.0.0/8 or [::1], but not
+/// a name that only looks similar, such as 127.example.com.
 bool IsLoopback(const std::string& host);
 
 }  // namespace host

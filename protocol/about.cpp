@@ -14,7 +14,7 @@ namespace onedrive4b {
 namespace {
 
 constexpr std::chrono::seconds kMinimumBetweenFetches{60};
-// A century: what a caller asks beyond would not fit the clock.
+// A century: a longer wait would overflow the clock.
 constexpr std::int64_t kLongestWait = 100LL * 365 * 24 * 3600;
 
 }  // namespace
@@ -39,7 +39,7 @@ About::About(OneDriveBiz* owner, std::string endpoint, bool fetch_now)
   if (fetch_now) About::Process(nullptr);
 }
 
-// The task of a future that is destroyed while it runs uses the members declared behind it.
+// A running task uses members that are declared after the futures, so it must end before them.
 About::~About() {
   wait_or_kill_.Kill();
   futures_.clear();
@@ -71,7 +71,7 @@ AERROR About::TakeAccount(const _CURLRTN& exchange) {
     const JsonObject account = ParseBody(exchange);
     const std::lock_guard guard(lock_);
     display_name_ = TextAt(account, "/owner/user/displayName");
-    // An account over its quota has less than nothing left.
+    // The remaining space of an account over its quota is negative.
     const auto total = static_cast<long long>(account.GetObject("/quota/total"));
     total_ = static_cast<std::uint64_t>(total);
     const auto remaining = static_cast<long long>(account.GetObject("/quota/remaining"));
@@ -105,7 +105,7 @@ void About::StartRepeatRefreshToken() {
   constexpr const char* kName = "StartRepeatRefreshToken";
   __LOG__A(logger, LOGLEVEL_INFO, "[PROTOCOL  ] %s started", kName);
   futures_.push_back(std::async(std::launch::async, [this] {
-    // A host that sets no sensible period must not get a thread that spins.
+    // With a period of 0 or less the thread would spin.
     while (wait_or_kill_.WaitFor(std::max<std::int64_t>(g_interval_refresh_token, 1))) {
       owner_->RefreshAuth();
     }

@@ -1,4 +1,4 @@
-// What the host shows about the signed-in account, and the thread that renews tokens.
+// The account information that a host shows, and the thread that renews tokens.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@ namespace onedrive4b {
 
 class OneDriveBiz;
 
-/// A sleep that another thread can end. Once killed it never waits again.
+/// A sleep that another thread can end. After Kill it never waits again.
 class timer_killer {
  public:
   /// True when the time has passed, false at once when killed.
@@ -50,11 +50,11 @@ class About : public IAsyncObj {
 
   std::string GetDisplayName();
 
-  /// Starts the thread that renews the owner's tokens every `g_interval_refresh_token` seconds, for
-  /// the first time after one period. Throws std::system_error when there is no thread to be had.
+  /// Starts the thread that renews the owner's tokens every `g_interval_refresh_token` seconds,
+  /// first after one period. Throws std::system_error if no thread can be started.
   void StartRepeatRefreshToken();
   bool HasRefreshLoop() const { return !futures_.empty(); }
-  /// Ends it and waits for it; a renewal that is running finishes first.
+  /// Stops the thread and waits for it; a running renewal finishes first.
   void StopRepeatRefreshToken();
 
  private:

@@ -11,7 +11,7 @@ namespace onedrive4b {
 
 class AuthorizedReply {
  public:
-  /// Asks the host. May throw what the host throws.
+  /// Asks the host. Exceptions of the host pass through.
   AuthorizedReply(IProtocolAuth& auth, IProtocol_V2& protocol, const std::string& credential)
       : auth_(&auth), text_(auth.Authorize(&protocol, credential.c_str())) {}
   AuthorizedReply(const AuthorizedReply&) = delete;
@@ -24,13 +24,13 @@ class AuthorizedReply {
     }
   }
 
-  /// Whether the host gave a reply at all.
+  /// Whether the host returned a reply.
   explicit operator bool() const { return text_ != nullptr; }
 
   /// The reply; a null document for none. Throws JSON_PARSE_FAILED.
   JsonObject Parse() const { return JsonObject(text_); }
 
-  /// Gives the text back, a null one too. Later calls do nothing.
+  /// Passes the text back to the host, also when it is null. Later calls do nothing.
   void Free() {
     if (IProtocolAuth* auth = std::exchange(auth_, nullptr)) auth->FreeResult(text_);
   }

@@ -16,7 +16,7 @@ namespace {
 
 constexpr long kPartialContent = 206;
 
-// What is read of an error document so that its connection can be used again.
+// An error document up to this size is read to its end, so that its connection can be reused.
 constexpr std::int64_t kLongestErrorDocument = 1 << 20;
 
 std::string_view ResponseHeader(CURL* curl, const char* name) {
@@ -26,9 +26,9 @@ std::string_view ResponseHeader(CURL* curl, const char* name) {
   return header->value;
 }
 
-// Whether a partial answer can be the range from `start` on (RFC 9110, section 14.4). It says where
-// it begins; one that does not is taken at its status. Offsets in an encoded body, and in one of
-// several parts, are not those of the file.
+// Whether a partial answer can be the range from `start` on (RFC 9110, section 14.4). Content-Range
+// says where it begins; without this header the status is trusted. The offsets in an encoded body
+// or in one of several parts are not those of the file.
 bool CanStartAt(CURL* curl, std::int64_t start) {
   const std::string_view encoding = ResponseHeader(curl, "Content-Encoding");
   if (!encoding.empty() && encoding != "identity") return false;
@@ -37,7 +37,7 @@ bool CanStartAt(CURL* curl, std::int64_t start) {
   return range.empty() || range.starts_with("bytes " + std::to_string(start) + "-");
 }
 
-// Decides what the body is that begins now.
+// Decides, when the body begins, what it is.
 void JudgeBody(_FETCH_CONTEXT& fetch) {
   const long status = GetInfo(fetch.curl, CURLINFO_RESPONSE_CODE, 0L);
   fetch.delivered = status / 100 == 2;
@@ -55,7 +55,7 @@ void Flush(_FETCH_CONTEXT& fetch) {
   fetch.fill = 0;
 }
 
-// Takes what belongs to the range; the transfer is at its end when there is more.
+// Accepts the bytes of the range; any further byte ends the transfer.
 void Take(_FETCH_CONTEXT& fetch, std::string_view piece) {
   const auto skipped =
       static_cast<std::size_t>(std::min<std::int64_t>(fetch.skip, std::ssize(piece)));
@@ -94,14 +94,14 @@ AERROR TakeLastPiece(_FETCH_CONTEXT& fetch, int status) {
     try {
       Flush(fetch);
     } catch (...) {
-      // The host has all that there is to have.
+      // The host already has the whole range.
     }
   }
   return result;
 }
 
-// A transfer that the write function has ended for reasons of its own gets that reason as its
-// result: that the range is complete, that it is the wrong one, or that the receiver failed.
+// If the write function ended the transfer, its reason becomes the result: the range is complete,
+// the answer is another range, or the receiver failed.
 void ApplyVerdict(const _FETCH_CONTEXT& fetch, _CURLRTN& result) {
   if (!fetch.ended || result.curlcode != CURLE_WRITE_ERROR) return;
   result.curlcode = *fetch.ended;
@@ -174,7 +174,7 @@ AERROR OneDriveBiz::Read(const char* id, std::int64_t offset, std::int64_t lengt
                                 {.by_status = {{kAnyStatus, handler}},
                                  .curl_errors = {{CURLE_WRITE_ERROR, READ_CANCELED}},
                                  .stop = StopOf(*handle)});
-    // The host's word ends waits and silent transfers, too, which fail for reasons of their own.
+    // The host's stop request also ends waits and silent transfers, which fail with other codes.
     return result == FAILED && IsStopped(*handle) ? READ_CANCELED : result;
   });
 }

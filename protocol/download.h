@@ -13,7 +13,7 @@
 
 namespace onedrive4b {
 
-/// Connects one transfer to the host: what has come, and where it belongs. Lives in the frame of
+/// State of one transfer to the host: what has arrived, and where it belongs. Lives in the frame of
 /// one Read call, on one thread.
 struct _FETCH_CONTEXT {
   std::int64_t offset;     ///< file offset of the first byte in `buffer`

@@ -1,5 +1,4 @@
-// What the host asks of the object itself: texts and numbers that need no request, but for the
-// quota.
+// Texts and numbers that the object itself knows; only the quota needs a request.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -15,9 +14,9 @@ namespace {
 constexpr int kFeatures = 0x140;
 constexpr int kAuthType = 2;
 
-// Copies the text with its NUL and sets `*length` to its length without the NUL. `*length` says on
-// entry what the buffer takes besides the NUL; when that is too little the result is
-// INSUFFICIENT_BUFFER and nothing changes.
+// Copies the text with its NUL and sets `*length` to its length without the NUL. On entry
+// `*length` is what the buffer can hold in addition to the NUL; if that is too little, the result
+// is INSUFFICIENT_BUFFER and nothing changes.
 AERROR CopyText(const std::string& text, char* buffer, int* length) {
   if (buffer == nullptr || length == nullptr) return INVALID_PARAMETER;
   if (*length < static_cast<std::int64_t>(text.size())) return INSUFFICIENT_BUFFER;
@@ -26,7 +25,7 @@ AERROR CopyText(const std::string& text, char* buffer, int* length) {
   return SUCCESS;
 }
 
-// The descriptors are copied with their NUL into a buffer of `*length` bytes besides it.
+// Copies a descriptor with its NUL into a buffer that can hold `*length` bytes and the NUL.
 AERROR CopyDescriptor(const std::string& text, char* buffer, int* length) {
   if (*length < static_cast<std::int64_t>(text.size())) return INSUFFICIENT_BUFFER;
   if (buffer == nullptr) return INVALID_PARAMETER;

@@ -1,4 +1,4 @@
-// What operations read from and write into memory of the host.
+// Helpers to read and write the host's memory.
 #pragma once
 
 #include <cstdint>
@@ -14,13 +14,13 @@ inline constexpr std::uint32_t kFile = 1;
 inline constexpr std::uint32_t kFolder = 2;
 inline constexpr std::uint32_t kSynthesisedFolder = 0x42;
 
-/// Never null, for "%s" and for copying.
+/// The text, or "" for null.
 inline const char* TextOrEmpty(const char* text) { return text != nullptr ? text : ""; }
 
-/// Now, as the host shows it for synthesised folders: local wall time in RFC 3339 form.
+/// The current time for synthesised folders: local wall time in RFC 3339 form.
 std::string LocalTimeText();
 
-/// Gives the record one time for all three.
+/// Sets all three times of the record.
 void SetTimes(_FS_FILE_V2& file, const std::string& time);
 
 }  // namespace onedrive4b

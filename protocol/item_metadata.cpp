@@ -1,4 +1,4 @@
-// From the service's item JSON to the host's records.
+// Converts the service's item JSON to the host's records.
 #include <cstring>
 #include <string_view>
 #include <vector>
@@ -13,7 +13,7 @@ namespace onedrive4b {
 
 namespace {
 
-// A child of a folder in another drive is in that drive, too.
+// A child of a folder in another drive is in the same drive.
 std::string ChildId(const char* parent, std::string id) {
   if (OneDriveBiz::IsRemoteFile(parent)) {
     const std::vector<std::string_view> pieces = SplitAtSlash(parent);
@@ -28,7 +28,7 @@ std::shared_ptr<char[]> CopyOf(const std::string& text) {
   return copy;
 }
 
-// An item shared from another drive: its id there. Without drive the id stays as it was.
+// For an item shared from another drive: its id there. Without a drive the id is unchanged.
 void TakeRemoteId(const JsonObject& remote, std::string& id) {
   const auto remote_id = remote.FindObject("/id");
   if (!remote_id) return;

@@ -16,13 +16,13 @@ namespace {
 
 constexpr long kListingLowSpeedTimeout = 60;  // seconds
 
-// A parsed page takes five times its text, in small blocks that the allocator keeps for later. To
-// give them back takes longer than the pages that the service sends are worth.
+// A parsed page takes five times its text, in small blocks that the allocator keeps for later.
+// Returning them is not worth it for pages of normal size.
 constexpr std::uint32_t kLargePage = 4 << 20;
 
 constexpr std::string_view kSharedId = "shared";
 
-// One listing under way: hands the pages' entries to the host and follows the links between pages.
+// One running listing: passes the pages' entries to the host and follows the links between pages.
 class PageReader {
  public:
   PageReader(std::string url, const char* parent, IFileList* list)
@@ -45,17 +45,17 @@ class PageReader {
     } catch (...) {
       return FAILED;
     }
-    // A link seen before would be followed for ever.
+    // A link that was already followed would loop forever.
     return visited_.insert(url_).second ? RETRY : FAILED;
   }
 
  private:
-  // An entry that cannot be used is left out; the others still reach the host.
+  // An unusable entry is left out; the others still reach the host.
   void Deliver(JsonObject& entries, int index) {
     try {
       _FS_FILE_V2 file;
       OneDriveBiz::FillData(parent_, entries[index], &file);
-      // "" is the top folder: a host that walks the tree would never come to its end.
+      // "" is the id of the top folder: a host that walks the tree would loop forever.
       if (!file.id.empty()) list_->AddFile(&file);
     } catch (...) {
     }

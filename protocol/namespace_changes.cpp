@@ -20,8 +20,8 @@ namespace {
 
 const char* TextOf(const std::shared_ptr<char[]>& etag) { return TextOrEmpty(etag.get()); }
 
-// The service knows an item of another user's drive by the drive's id and its own; null or empty is
-// the drive root.
+// The service identifies an item of another user's drive by the drive's id and the item's id; null
+// or empty is the drive root.
 void SetParent(JsonObject reference, const char* target) {
   if (target == nullptr || *target == '\0') {
     reference["path"] = std::string("/drive/root:/");
@@ -126,7 +126,7 @@ AERROR OneDriveBiz::Delete(_FS_FILE_V2* file, char** message) {
   return AtEdge([&] {
     if (file == nullptr) return INVALID_PARAMETER;
     if (!SignedIn()) return FS_NEED_AUTHORIZE;
-    // Whatever tag the record holds: what is deleted is the item as it is now.
+    // The record's tag is ignored: Delete removes the current version.
     _FS_FILE_V2 present;
     if (GetFileInfo(file->id.c_str(), &present, message) != SUCCESS) return FAILED;
     const std::string url = GetUrl(file->id.c_str());

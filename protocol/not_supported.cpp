@@ -1,4 +1,4 @@
-// Operations of the interface that this protocol does not have.
+// Operations of the interface that this protocol does not support.
 #include "protocol/onedrivebiz.h"
 
 namespace onedrive4b {

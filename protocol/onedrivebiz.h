@@ -1,4 +1,4 @@
-// The protocol object that hosts drive through IProtocol_V2.
+// The protocol object behind IProtocol_V2.
 //
 // Every operation runs on its caller's thread, and several may run at once on one object, except
 // that SetOpt, Connect and Release run alone. Exceptions end at the edge of each operation.
@@ -42,7 +42,7 @@ class OneDriveBiz : public IProtocol_V2 {
   AERROR SetOpt(const char* key, const char* value) override;
   void FreeMsg(char* message) override;
 
-  // What needs no request, but for the quota: getters.cpp.
+  // Getters; only the quota needs a request: getters.cpp.
 
   AERROR GetUserInfo(char* buffer, int* length) override;
   AERROR GetQuota(std::uint64_t* total, std::uint64_t* used) override;
@@ -55,7 +55,7 @@ class OneDriveBiz : public IProtocol_V2 {
   static AERROR GetAuthFields(char* buffer, int* length) noexcept;
   static AERROR GetOptFields(char* buffer, int* length) noexcept;
 
-  // What the protocol does not have: not_supported.cpp.
+  // What the protocol does not support: not_supported.cpp.
 
   AERROR SetQuota(std::uint64_t total, std::uint64_t used) override;
   void SetQuotaCallback(void* context,
@@ -69,13 +69,13 @@ class OneDriveBiz : public IProtocol_V2 {
 
   AERROR Connect(IProtocolAuth* auth, const char* credential) override;
 
-  /// Renews both tokens through the host: RETRY when the caller may repeat its request, else
-  /// FAILED. One renewal runs at a time and serves all that arrive meanwhile; within 3660 s of the
-  /// last one there is no other. Any thread.
+  /// Renews both tokens through the host: RETRY if the caller may repeat its request, else FAILED.
+  /// One renewal runs at a time and serves all callers that arrive meanwhile; within 3660 s of the
+  /// last renewal there is no other. Any thread.
   AERROR RefreshAuth();
 
   /// Gets the service's token, or renews it. The first time it discovers the service and creates
-  /// the account object. The parameters are not consulted.
+  /// the account object. The parameters are ignored.
   template <typename Account>
   AERROR GetAuthForService(JsonObject& reply, std::string endpoint);
 
@@ -88,15 +88,16 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // Ids, URLs and records: item_address.cpp, item_metadata.cpp.
 
-  /// URL of the item's resource; null is the drive root. Ids stand in it verbatim.
+  /// URL of the item's resource; null is the drive root. Ids are inserted verbatim.
   virtual std::string GetUrl(const char* id);
 
   /// Whether the id names an item of another user's drive.
   static bool IsRemoteFile(const char* id);
 
-  /// Writes what the item's JSON supplies into the record and leaves the rest. `parentId` is the id
-  /// through which the item was reached, null for the shared view. Throws for an item without id or
-  /// name and for a file without size, after the fields before have been written.
+  /// Copies the fields that the item's JSON contains into the record and leaves the others.
+  /// `parentId` is the id of the listed folder, null for the shared view. Throws for an item
+  /// without an id or a name and for a file without a size; earlier fields are already written
+  /// then.
   static void FillData(const char* parentId, JsonObject item, _FS_FILE_V2* file);
 
   // Listing and lookup: listing.cpp.
@@ -133,7 +134,7 @@ class OneDriveBiz : public IProtocol_V2 {
 
   using StepFunction = std::function<_CURLRTN(std::shared_ptr<OneDriveBizCURL>)>;
 
-  // What becomes of the answers to a request; see QueryWithBackoff.
+  // The handlers of a request's answers; see QueryWithBackoff.
   struct Answers {
     StatusHandlers by_class = {};
     StatusHandlers by_status = {};
@@ -143,7 +144,7 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // onedrivebiz.cpp
 
-  // Runs a request with tokens renewed on 401.
+  // Runs a request; a 401 renews the tokens.
   AERROR Query(const char* name, StepFunction step, Answers answers);
   bool SignedIn() const { return service_auth_ != nullptr; }
   // Sets the URL and signs the request, unless the URL leaves the service's origin.
@@ -152,7 +153,7 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // sign_in.cpp
 
-  // Credential text with the stored refresh token moved into it, or as it is.
+  // The credential text, with the stored refresh token moved into it if there is one.
   std::string TakeStoredToken(const char* credential);
   // Asks the host for the service's token.
   AuthorizedReply AuthorizeForService();
@@ -160,13 +161,13 @@ class OneDriveBiz : public IProtocol_V2 {
   AERROR RenewTokens();
   void KeepRefreshToken(const JsonObject& reply, const char* operation);
   bool RenewsHere() const { return renewing_thread_.load() == std::this_thread::get_id(); }
-  // For writing what a renewal reads: Connect may find the refresh loop of an earlier sign-in at
-  // work. Holds nothing inside a renewal, which has the lock already.
+  // To be held while writing what a renewal reads: during Connect the refresh loop of an earlier
+  // sign-in may be running. Empty inside a renewal, which already holds the lock.
   std::unique_lock<std::mutex> LockTokens();
 
   // item_metadata.cpp
 
-  // Fills `file` as a whole from a response that is an item; leaves it alone when that fails.
+  // Fills `file` from a response that is an item; leaves it unchanged on failure.
   static StatusHandler ItemHandler(const char* parent, _FS_FILE_V2* file);
 
   // listing.cpp
@@ -175,7 +176,7 @@ class OneDriveBiz : public IProtocol_V2 {
 
   // namespace_changes.cpp
 
-  // The record's entity tag, or the service's present one.
+  // The record's entity tag or, without one, the service's current tag.
   AERROR FindETag(const char* id, const _FS_FILE_V2& file, char** message,
                   std::shared_ptr<char[]>& etag);
   AERROR PatchItem(const char* name, const char* id, const std::shared_ptr<char[]>& etag,
@@ -209,7 +210,7 @@ class OneDriveBiz : public IProtocol_V2 {
   std::function<AERROR(_CURLRTN&)> on_unauthorized_;
   SteadyTime::Clock::time_point last_refresh_;
   std::mutex refresh_mutex_;
-  // The thread that holds refresh_mutex_: a 401 met by its own requests must not lock again.
+  // The thread that holds refresh_mutex_: it must not lock again after a 401 of its own requests.
   std::atomic<std::thread::id> renewing_thread_{};
   std::string discovery_url_;
   bool upload_if_match_ = false;  // content replaces only the version that the record names

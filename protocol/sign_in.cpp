@@ -1,7 +1,7 @@
 // Sign-in, discovery of the service, and renewal of tokens.
 //
-// The host owns the OAuth 2.0 exchange; here is decided when to ask it, with which credential text,
-// and what to keep of its replies.
+// The host performs the OAuth 2.0 exchange. This file decides when to ask the host, with which
+// credential text, and which parts of its replies to keep.
 #include <array>
 #include <chrono>
 #include <utility>
@@ -22,10 +22,10 @@ constexpr const char* kStoredToken = "refresh_token";
 constexpr int kStoredTokenBuffer = 1024;
 constexpr const char* kTokenPath = "/results/refresh_token";
 
-// An access token lives for an hour; a 401 sooner than this after a renewal means something else.
+// An access token lives for an hour; an earlier 401 after a renewal has another reason.
 constexpr std::chrono::seconds kMinimumBetweenRenewals{3660};
 
-// Marks the calling thread as the one that renews, and the time at which it tried.
+// Marks the calling thread as the renewing one, and records the time of the attempt.
 class Renewal {
  public:
   Renewal(std::atomic<std::thread::id>& thread, SteadyTime::Clock::time_point& last)
@@ -70,7 +70,7 @@ AERROR TakeFilesService(const _CURLRTN& exchange, std::string& resource, std::st
       return SUCCESS;
     }
   } catch (...) {
-    // A list that cannot be read has no entry to be found.
+    // An unreadable list has no entry.
   }
   __LOG__A(logger, LOGLEVEL_ERROR,
            "[PROTOCOL  ] %s Failed find serviceResourceId and serviceEndpointUri", kName);
@@ -222,7 +222,7 @@ AERROR OneDriveBiz::GetServiceEndpoint(std::string& resource, std::string& endpo
 }
 
 AERROR OneDriveBiz::RefreshAuth() {
-  // A request of the renewal itself was refused: a second renewal inside it would not help.
+  // A request of the renewal itself was refused: a second renewal would not help.
   if (RenewsHere()) return FAILED;
   std::unique_lock lock(refresh_mutex_, std::try_to_lock);
   if (!lock) {

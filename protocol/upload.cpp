@@ -13,7 +13,7 @@
 
 namespace onedrive4b {
 
-// An upload session, and how far it has come.
+// An upload session and its progress.
 struct UploadSession {
   std::string url;
   std::string expiry;
@@ -35,7 +35,7 @@ constexpr std::int64_t kLargestSimpleUpload = 104857599;
 constexpr std::uint64_t kLargestChunk = 10485760;
 constexpr long kLowSpeedTimeout = 60;  // seconds
 
-// What the service does when the name is taken.
+// Tells the service what to do if the name is taken.
 constexpr const char* kConflictBehavior = "@name.conflictBehavior";
 
 // Both requests of a large upload are logged under this name.
@@ -75,13 +75,13 @@ _CURLRTN Send(OneDriveBizCURL& request, _UPLOAD_SOURCE& source, std::int64_t spe
   request.SetSpeedLimit(speed_limit);
   request.SetPostFileSize(size);
   request.SetLowSpeedTimeout(kLowSpeedTimeout);
-  // A body can then follow a redirect, or a connection that went away while it was kept.
+  // The body can then be sent again: after a redirect, or after a kept connection was closed.
   request.SetBodySeek(&seek_callback_cache_func, &source);
   request.StopWith(source.handle);
   return request.PerformPost(reinterpret_cast<void*>(&read_callback_cache_func), &source, size);
 }
 
-// False when the host's cache did not give what a piece needs.
+// False if the host's cache did not deliver a valid piece.
 bool Fill(_CACHEIO_REQUEST& piece, ICacheIO& cache) {
   const std::uint64_t wanted = piece.length;
   try {
@@ -126,7 +126,7 @@ AERROR OneDriveBiz::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handl
                            _FS_FILE_V2* file, UPLOAD_FLAG, char** message) {
   return AtEdge([&] {
     if (!handle || cache == nullptr || file == nullptr || file->size < 0) return INVALID_PARAMETER;
-    // A URL takes the name up to its first NUL: it could be the name of another file.
+    // The URL would contain the name only up to its first NUL, perhaps the name of another file.
     if (file->filename.find('\0') != std::string::npos) return INVALID_PARAMETER;
     if (!SignedIn()) return FS_NEED_AUTHORIZE;
     return file->size > kLargestSimpleUpload
@@ -191,7 +191,7 @@ AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HAN
   UploadProgress progress{{handle->progress, handle->progressctx, nullptr}, file->size, 0, 0};
   const auto step = [&](const std::shared_ptr<OneDriveBizCURL>& request) {
     request->BindUpload(progress);
-    // The URL carries its own authorisation: no token, and nothing of it in a log.
+    // The URL carries its own authorisation: send no token, and do not log its query.
     request->SetPreauthenticatedURL(session.url.c_str());
     request->SetRequest("PUT");
     session.length = std::min(session.length, kLargestChunk);
@@ -207,13 +207,14 @@ AERROR OneDriveBiz::SendChunks(const char* parent, const std::shared_ptr<_FS_HAN
         _FS_FILE_V2 item = *file;
         const AERROR result = ItemHandler(parent, &item)(exchange);
         if (result != SUCCESS) return result;
-        // An item in answer to an earlier chunk is a file with its end missing, unless it is whole.
+        // If an earlier chunk is answered with an item, the file is incomplete unless its size is
+        // that of the whole file.
         const bool whole = session.IsLastChunk() || item.size == file->size;
         if (whole) *file = std::move(item);
         return whole ? SUCCESS : FAILED;
       },
       "");
-  // Any other answer below 400 would pass for success, with the file nowhere.
+  // Any other answer below 400 would count as success, although the file is not stored.
   const StatusHandler unexpected([](_CURLRTN&) { return FAILED; }, "");
   return Query(kUploadLargeItem, step,
                {.by_class = {{200, unexpected}, {300, unexpected}},

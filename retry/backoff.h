@@ -17,8 +17,8 @@ class IBackoff {
   virtual bool IsBackoffCode(int code) = 0;  ///< whether this HTTP status asks to slow down
   virtual bool IsAvaliable() = 0;            ///< whether a step is left
   virtual int GetLeft() = 0;                 ///< steps left
-  /// Uses one step up: blocks the thread for its time and returns RETRY, or FAILED without waiting
-  /// when the policy never backs off.
+  /// Uses one step: blocks the thread for the step's time and returns RETRY, or returns FAILED
+  /// without waiting if the policy never backs off.
   virtual AERROR Backoff() = 0;
   virtual ~IBackoff() = default;
 };
@@ -37,7 +37,7 @@ class ExponentialBackoff : public IBackoff {
   /// `count` steps, at most 16; a negative count means 5.
   ExponentialBackoff(std::deque<int> backoff_codes, int count);
 
-  /// Ends a wait early, and gives no further one, once `stop` says so.
+  /// Once `stop` is true, the current wait ends, and Backoff returns FAILED.
   void StopWith(StopSignal stop) { stop_ = std::move(stop); }
 
   bool IsBackoffCode(int code) override;

@@ -20,8 +20,8 @@ namespace onedrive4b {
 template <typename Handle>
 using Step = FuncExt<_CURLRTN(std::shared_ptr<Handle>)>;
 
-/// SUCCESS when the response was consumed, RETRY to run the whole exchange again at once, any other
-/// value to end with it.
+/// SUCCESS when the response was consumed, RETRY to run the whole exchange again at once; any other
+/// value ends the call with this value.
 using StatusHandler = FuncExt<AERROR(_CURLRTN&)>;
 using StatusHandlers = std::unordered_map<int, StatusHandler>;
 
@@ -31,8 +31,8 @@ using TransferErrors = std::unordered_map<int, AERROR>;
 /// Key of a handler for any status.
 inline constexpr int kAnyStatus = -1;
 
-/// One call of QueryWithBackoff: the attempts, and what becomes of their answers. Refers to what it
-/// is given.
+/// One call of QueryWithBackoff: its attempts and the handling of their answers. Keeps references
+/// to the constructor's arguments.
 template <typename Backoff, typename Queue>
 class BackoffQuery {
  public:
@@ -46,7 +46,7 @@ class BackoffQuery {
         code_handlers_(code_handlers),
         curl_errors_(curl_errors) {}
 
-  /// Once `stop` says so, waits end and the call fails.
+  /// Once `stop` is true, waits end and the call fails.
   void StopWith(StopSignal stop) {
     if constexpr (requires(Backoff & policy) { policy.StopWith(stop); }) {
       backoff_->StopWith(std::move(stop));
@@ -99,7 +99,8 @@ class BackoffQuery {
     return std::nullopt;
   }
 
-  // The handler of the exact status comes first, then that of any status, then that of the class.
+  // The handler of the exact status comes first, then the one of any status, then the one of the
+  // class.
   std::optional<AERROR> Dispatch(_CURLRTN& exchange) {
     const int status = exchange.httpcode;
     const int status_class = status / 100 * 100;
@@ -142,7 +143,7 @@ class BackoffQuery {
     return result;
   }
 
-  // 429 "Too Many Requests" is the service's word for throttling (RFC 6585, section 4).
+  // The service throttles with 429 "Too Many Requests" (RFC 6585, section 4).
   static constexpr int kTooManyRequests = 429;
   static constexpr int kBackoffSteps = 5;
 
@@ -157,16 +158,16 @@ class BackoffQuery {
 
 /// Runs `step` on request objects from `pool` until an answer is final.
 ///
-/// `rangeHandlers` are keyed by the status rounded down to its hundred, `codeHandlers` by the
-/// status or kAnyStatus. Answers 429 are repeated after the policy's waits and reach no handler. A
-/// status without handler is SUCCESS below 400, else FAILED; a failed transfer is never repeated
-/// and gives its entry of `curlErrors`, else FAILED; a step without callable gives
-/// INVALID_PARAMETER.
+/// The keys of `rangeHandlers` are statuses rounded down to their hundred, those of `codeHandlers`
+/// are statuses or kAnyStatus. After a 429 the call waits as the policy says and repeats the
+/// request; no handler sees the answer. A status without a handler is SUCCESS below 400, else
+/// FAILED. A failed transfer is never repeated; the result is its entry in `curlErrors`, else
+/// FAILED. A step without a callable is INVALID_PARAMETER.
 ///
-/// Once `stop` says so, a wait ends early and the call with FAILED; empty: never.
+/// Once `stop` is true, a wait ends early and the result is FAILED. An empty `stop` is never true.
 ///
-/// Runs on the calling thread, waits included. What step or handler throw leaves the routine after
-/// the request object has gone back to the pool.
+/// Runs and waits on the calling thread. An exception from the step or a handler leaves the
+/// function after the request object has been returned to the pool.
 template <typename Backoff, typename Queue>
 AERROR QueryWithBackoff(Queue& pool, Step<typename Queue::value_type> step,
                         StatusHandlers rangeHandlers, StatusHandlers codeHandlers,

@@ -21,7 +21,7 @@ Json::Value Parse(const char* begin, const char* end) {
     Json::Reader reader;
     if (reader.parse(begin, end, document, kCollectComments)) return document;
   } catch (const Json::Exception&) {
-    // Nested deeper than the reader goes.
+    // Nested deeper than the reader allows.
   }
   throw JSON_PARSE_FAILED;
 }
@@ -105,7 +105,7 @@ bool JsonObject::IsValid() const { return !target->isNull(); }
 bool JsonObject::IsArray() const { return target->isArray(); }
 
 bool JsonObject::Insert(const char* key, const JsonObject& value) {
-  // Copied first: `value` may denote the value that is about to change.
+  // Copied first: `value` may refer to the value that is about to change.
   Json::Value copy = *value.target;
   (*target)[key] = std::move(copy);
   return true;

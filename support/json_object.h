@@ -1,8 +1,8 @@
 // The one type through which the module reads and writes JSON: a handle on a jsoncpp tree.
 //
-// An owning object holds a document of its own; a view denotes a value inside another object's
-// document and copies as a pointer. A view is valid while the tree it points into lives and the
-// value is neither removed nor replaced. An object whose own document is null counts as a view.
+// An owning object contains its own document. A view refers to a value inside another object's
+// document; copying it copies the reference. A view is valid while that tree exists and the value
+// is neither removed nor replaced. An object whose own document is null counts as a view.
 //
 // Members are kept in byte-wise order of their names. Errors: JSON_PARSE_FAILED for text that does
 // not parse, ACCESS_VIOLATION for a missing member, both thrown as AERROR; a value of the wrong
@@ -23,25 +23,25 @@ namespace onedrive4b {
 
 class JsonObject {
  public:
-  /// Owning; parses exactly `length` bytes. Comments are accepted, and so is text behind the first
+  /// Owning; parses exactly `length` bytes. Comments are accepted, and so is text after the first
   /// complete value.
   JsonObject(const char* text, unsigned int length);
 
-  /// Owning; parses NUL-terminated text. Null gives a null document.
+  /// Owning; parses NUL-terminated text. Null results in a null document.
   explicit JsonObject(const char* text);
 
   /// View of `value`.
   explicit JsonObject(Json::Value& value);
 
-  /// Deep copy of an owning object; a second view of what a view denotes.
+  /// Deep copy of an owning object; for a view, a second view of the same value.
   JsonObject(const JsonObject& source);
   virtual ~JsonObject() = default;
 
-  /// From an owning object: becomes an owning object with a deep copy. From a view: writes a deep
-  /// copy of what it denotes over the value that this object denotes.
+  /// From an owning object: becomes an owning object with a deep copy. From a view: overwrites the
+  /// value that this object refers to with a deep copy of the view's value.
   JsonObject& operator=(const JsonObject& source);
 
-  /// Writes a string over the value that this object denotes.
+  /// Overwrites the value that this object refers to with a string.
   JsonObject& operator=(std::string text);
 
   /// Owning; "{}".
@@ -53,7 +53,7 @@ class JsonObject {
   /// View of the member at `path`: names separated by "/", empty ones skipped, digits are names
   /// too. Throws ACCESS_VIOLATION when one is missing.
   JsonObject GetObject(const char* path) const;
-  /// What GetObject gives; nothing when a member is missing.
+  /// Like GetObject, but empty when a member is missing.
   std::optional<JsonObject> FindObject(const char* path) const;
   /// Whether GetObject would find it.
   bool HasObject(const char* path) const;
@@ -70,7 +70,7 @@ class JsonObject {
   bool IsValid() const;  ///< not null
   bool IsArray() const;
 
-  /// Each writes deep copies into the value that this object denotes, and returns true.
+  /// Each writes deep copies into the value that this object refers to, and returns true.
   bool Insert(const char* key, const JsonObject& value);
   bool Insert(const char* key, const std::wstring& text);
   bool InsertArrayItem(std::string text);
@@ -80,7 +80,7 @@ class JsonObject {
   bool RemoveArrayItem(unsigned long index);
   bool Remove(const char* key);
 
-  /// jsoncpp's conversions: null gives "", 0 or false; numbers convert among each other and to
+  /// jsoncpp's conversions: null becomes "", 0 or false; numbers convert to other numbers and to
   /// text.
   explicit operator std::string() const;   ///< up to the first NUL
   explicit operator std::wstring() const;  ///< throws std::range_error for malformed UTF-8

@@ -1,10 +1,10 @@
-// What is free goes back to the system.
+// Returns free memory to the operating system.
 #pragma once
 
 namespace onedrive4b {
 
-/// Gives memory that the allocator keeps for later back to the operating system. Takes milliseconds
-/// when there is much of it. Any thread. Without effect where the C library has no such call.
+/// Returns memory that the allocator keeps for later use to the operating system, which can take
+/// milliseconds. Any thread. No effect if the C library has no such call.
 void ReturnFreeMemory();
 
 }  // namespace onedrive4b

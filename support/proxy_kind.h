@@ -20,8 +20,8 @@ enum class ProxyKind : int {
 
 namespace ProtocolUtil {
 
-/// Number of the kind that a name in the proxy settings means: "SOCKS4" 1, "SOCKS5" 2,
-/// "HTTP with TUNNEL" 3, "HTTP without TUNNEL" 4, any other text 0 for none. Callable from any
+/// Number for the name of a kind of proxy: "SOCKS4" 1, "SOCKS5" 2,
+/// "HTTP with TUNNEL" 3, "HTTP without TUNNEL" 4, any other text 0 (no proxy). Callable from any
 /// thread. Exported under its C++ name.
 ONEDRIVE4B_EXPORT int curlProxyType(std::string name);
 

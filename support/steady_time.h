@@ -1,4 +1,4 @@
-// The steady clock as the module uses it: how old things are, and how long to wait.
+// The module's steady clock: it measures ages, and it waits.
 #pragma once
 
 #include <chrono>
@@ -6,16 +6,15 @@
 
 namespace onedrive4b {
 
-/// Whether a wait is to end early. Empty: never.
+/// True when a wait must end early. Empty: never.
 using StopSignal = std::function<bool()>;
 
-/// Tests put a source of their own in place, so that a test waits neither for a back-off
-/// nor for a token to grow old.
+/// Tests replace the source, so that they need not wait for a back-off or for a token to expire.
 struct SteadyTime {
   using Clock = std::chrono::steady_clock;
 
   Clock::time_point (*now)();
-  /// Blocks the calling thread; looks at `stop` several times a second.
+  /// Blocks the calling thread; checks `stop` several times a second.
   void (*sleep_for)(std::chrono::seconds duration, const StopSignal& stop);
 };
 

@@ -13,7 +13,7 @@ using Utf8Converter = std::wstring_convert<std::codecvt_utf8<wchar_t>>;
 std::wstring s2ws(const std::string& text) {
   Utf8Converter converter;
   std::wstring wide = converter.from_bytes(text);
-  // The converter takes a character that is cut off at the end for one still to come.
+  // The converter treats an incomplete character at the end as one that will continue.
   if (converter.converted() != text.size()) throw std::range_error("s2ws: incomplete character");
   return wide;
 }

@@ -1,4 +1,4 @@
-// Text as the module itself needs it. Callable from any thread.
+// Text functions that the module itself uses. Callable from any thread.
 #pragma once
 
 #include <string>
@@ -14,9 +14,9 @@ ONEDRIVE4B_EXPORT std::string ws2s(const std::wstring& text);
 
 namespace onedrive4b {
 
-/// The pieces between slashes. A slash at the start and consecutive slashes give empty pieces, one
-/// at the very end gives no empty last piece, and a text without a slash, the empty one included,
-/// is one piece. They point into `text`.
+/// The pieces between slashes, which point into `text`. A slash at the start and consecutive
+/// slashes produce empty pieces; a slash at the end does not. A text without a slash, even an empty
+/// text, is one piece.
 std::vector<std::string_view> SplitAtSlash(std::string_view text);
 
 }  // namespace onedrive4b

@@ -6,6 +6,6 @@
 
 #include "onedrive4b/export.h"
 
-/// "YYYY-MM-DDThh:mm:ss.000Z" of the fields as they stand: local fields come out as local wall time
+/// "YYYY-MM-DDThh:mm:ss.000Z" with the unchanged fields: local fields result in local wall time
 /// with a "Z". "" for null. Callable from any thread. Exported under its C++ name.
 ONEDRIVE4B_EXPORT std::string TMToRFC3339(std::tm* time);

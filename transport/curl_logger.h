@@ -11,8 +11,8 @@ namespace onedrive4b {
 /// the transfer rates after each transfer. Fills `errmsg` of its results. The logger is called on
 /// the transferring thread; nothing it does changes the outcome of a transfer.
 ///
-/// Header lines are logged as they are sent, tokens included: never to be used for requests whose
-/// log others may read.
+/// Header lines are logged as they are sent, including tokens: do not use this class if others may
+/// read the log.
 class CURLLogger : public CURLImpl {
  public:
   CURLLogger();

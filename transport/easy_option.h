@@ -10,8 +10,8 @@ namespace onedrive4b {
 
 /// Sets an option with exactly the type that libcurl reads from its variable arguments: long,
 /// curl_off_t, or a pointer. libcurl's own checks of this are for C only; in C++ an int would
-/// compile and be read as a long. Results are not looked at: a null handle and unknown options are
-/// refused by libcurl without effect.
+/// compile and be read as a long. Results are ignored: libcurl refuses a null handle and unknown
+/// options without an effect.
 template <typename Value>
 void SetOption(CURL* handle, CURLoption option, Value value) {
   static_assert(std::is_same_v<Value, long> || std::is_same_v<Value, curl_off_t> ||
@@ -24,7 +24,7 @@ void SetOption(CURL* handle, CURLoption option, Value value) {
   }
 }
 
-/// Reads a number or text from the last transfer; `fallback` when libcurl has none.
+/// Reads a number or text of the last transfer; `fallback` if libcurl has none.
 template <typename Value>
 Value GetInfo(CURL* handle, CURLINFO info, Value fallback) {
   Value value = fallback;

@@ -13,10 +13,10 @@
 namespace onedrive4b {
 
 /// Hands out request objects of type T and takes them back. Grows to the largest number in use at
-/// once and never shrinks. Also holds the proxy settings, which reach a request object on its way
-/// out: a change takes effect from the next one handed out.
+/// the same time and never shrinks. Also holds the proxy settings, which GetCURL applies to each
+/// request object: a change takes effect with the next GetCURL.
 ///
-/// Any thread; `mutex` is held for the whole of each operation, and by whoever writes `proxy`.
+/// Any thread. Each operation holds `mutex`; hold it as well to write `proxy`.
 template <typename T>
 class CURLQueue {
  public:
@@ -67,7 +67,7 @@ class AutoPutCURL {
       : handle_(std::move(handle)), pool_(pool) {}
   AutoPutCURL(const AutoPutCURL&) = delete;
   AutoPutCURL& operator=(const AutoPutCURL&) = delete;
-  /// A request object for which there is no memory in the pool is gone; the pool makes another.
+  /// Without memory the request object is destroyed instead; the pool makes another one later.
   virtual ~AutoPutCURL() {
     try {
       pool_->PutCURL(std::move(handle_));

@@ -10,7 +10,7 @@ namespace onedrive4b {
 
 namespace {
 
-// A service never answers with more; a compressed bomb would.
+// An honest answer is never larger; a compressed bomb is.
 constexpr std::size_t kLargestCollectedResponse = std::size_t{256} << 20;
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Where the bytes of requests come from and those of responses go: libcurl callbacks over memory.
+// libcurl callbacks that read request bodies from memory and write responses to memory.
 //
-// The callbacks run on the transferring thread. None lets an exception into libcurl.
+// The callbacks run on the transferring thread and never throw.
 #pragma once
 
 #include <cstddef>
@@ -22,8 +22,8 @@ std::size_t read_callback_buf_func(char* buffer, std::size_t size, std::size_t c
 /// libcurl seek function over a BodyCursor.
 int read_callback_buf_seek_func(void* cursor, curl_off_t distance, int origin);
 
-/// libcurl write function that appends to an evbuffer; refuses what would make a collected response
-/// larger than 256 MiB.
+/// libcurl write function that appends to an evbuffer; refuses bytes that would make a collected
+/// response larger than 256 MiB.
 std::size_t write_callback_ev_func(char* data, std::size_t size, std::size_t count, void* buffer);
 
 }  // namespace onedrive4b

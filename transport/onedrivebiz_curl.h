@@ -7,7 +7,7 @@
 
 namespace onedrive4b {
 
-/// Certificates are checked, and a transfer is given up after 60 s (20 s once it has been pooled)
+/// Certificates are checked, and a transfer ends after 60 s (20 s once the object has been pooled)
 /// below 1 byte/s.
 class OneDriveBizCURL : public CURLImpl {
  public:

@@ -1,6 +1,6 @@
 // Progress of a transfer, as libcurl's transfer-information callbacks report it to the host.
 //
-// The callbacks run on the transferring thread. None lets an exception into libcurl.
+// The callbacks run on the transferring thread and never throw.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace onedrive4b {
 
-/// What libcurl's progress data points at: whom to tell, and whose speed to ask.
+/// libcurl's progress data points at this: the callback, and the handle whose speed is reported.
 struct ProgressBinding {
   ProgressCallback callback = nullptr;  ///< null for none
   void* context = nullptr;
@@ -25,13 +25,13 @@ struct UploadProgress : ProgressBinding {
   std::int64_t sent = 0;   ///< bytes counted so far; those of a failed attempt stay counted
 };
 
-/// Report upload and download progress to a ProgressBinding. Always 0, so that neither progress nor
-/// a callback that throws ends a transfer.
+/// Report upload and download progress to a ProgressBinding. Always return 0, so that progress and
+/// a throwing callback never end a transfer.
 int _CURL_PROGRESS(void* binding, curl_off_t download_total, curl_off_t downloaded,
                    curl_off_t upload_total, curl_off_t uploaded);
 int _CURL_PROGRESS_DOWNLOAD(void* binding, curl_off_t download_total, curl_off_t downloaded,
                             curl_off_t upload_total, curl_off_t uploaded);
-/// Reports to an UploadProgress. Always 0.
+/// Reports to an UploadProgress. Always returns 0.
 int _CURL_PROGRESS_ONEDRIVE(void* record, curl_off_t download_total, curl_off_t downloaded,
                             curl_off_t upload_total, curl_off_t uploaded);
 

@@ -20,18 +20,19 @@ constexpr long kLowSpeedTime = 20;  // seconds
 constexpr long kMaxRedirects = 32;
 constexpr int kSendBuffer = 1 << 20;
 
-// Bytes per system call. Smaller ones cost calls, larger ones no longer fit the processor's cache.
+// Bytes per system call. Smaller buffers cost more calls; larger ones do not fit into the
+// processor's cache.
 constexpr long long kReceiveBuffer = 256 << 10;
 constexpr long long kUploadBuffer = 256 << 10;
 
-// libcurl takes up to so many receive buffers, or one upload buffer, before it looks at the speed
-// limit. Then it waits, and with more than a second's worth it waits until the transfer counts as
-// stalled. It takes no smaller buffers than these.
+// libcurl moves up to this many receive buffers, or one upload buffer, before it checks the speed
+// limit. If that is more than a second's worth of bytes, it then waits so long that the transfer
+// counts as stalled. libcurl accepts no smaller buffers than these.
 constexpr long long kReceiveBuffersAtOnce = 100;
 constexpr long long kSmallestReceiveBuffer = 1 << 10;
 constexpr long long kSmallestUploadBuffer = 16 << 10;
 
-// No proxy at all; null would let libcurl take one from the environment.
+// No proxy; with null libcurl would use the environment's proxy.
 constexpr const char* kDirect = "";
 
 int SetSendBufferOf(void*, curl_socket_t socket, curlsocktype) {
@@ -83,7 +84,7 @@ CURLImpl::CURLImpl() : kept(NewShare()) {
   Set(CURLOPT_SSL_VERIFYHOST, 0L);
   Set(CURLOPT_NOPROGRESS, 1L);
   Set(CURLOPT_PROXY, kDirect);
-  // No address that the service hands out may reach anything but a web server.
+  // A URL from the service must not reach anything but a web server.
   Set(CURLOPT_PROTOCOLS_STR, kProtocols);
   Set(CURLOPT_REDIR_PROTOCOLS_STR, kProtocols);
   SetSpeedLimit(0);
@@ -207,7 +208,7 @@ void CURLImpl::SetProxy(int type, std::string host, int port, std::string user,
     default:
       break;
   }
-  // Port and credentials survive Clear, so what an earlier proxy needed must not reach this one.
+  // Port and credentials survive Clear: those of an earlier proxy must not be sent to this one.
   Set(CURLOPT_PROXYPORT, port > 0 ? long{port} : 0L);
   if (user.empty()) {
     Set(CURLOPT_PROXYUSERPWD, nullptr);

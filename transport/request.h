@@ -31,15 +31,14 @@ namespace onedrive4b {
 
 class CURLImpl {
  public:
-  /// HTTP/1.1 over http or https only, redirects followed, every encoding accepted, 10 s to
-  /// connect, and given up after 20 s below 1 byte/s. Certificates are not checked before
-  /// SetSSLDefaults.
+  /// HTTP/1.1 over http or https only; follows redirects; accepts every encoding; 10 s to connect;
+  /// ends after 20 s below 1 byte/s. Checks no certificates before SetSSLDefaults.
   CURLImpl();
   CURLImpl(const CURLImpl&) = delete;
   CURLImpl& operator=(const CURLImpl&) = delete;
   virtual ~CURLImpl();
 
-  /// Drops everything that belongs to one request. Keeps connections, TLS set-up, user agent and
+  /// Resets everything that belongs to one request. Keeps connections, TLS set-up, user agent and
   /// the proxy's kind, port and credentials; the proxy's host is dropped, so the proxy is off.
   virtual void Clear();
 
@@ -59,16 +58,16 @@ class CURLImpl {
   void SetURL(const char* text);
   /// A URL whose query authorises the request, so that it must not be logged.
   void SetPreauthenticatedURL(const char* text);
-  /// Method word in place of the transfer's own.
+  /// Replaces the transfer's own method.
   void SetRequest(const char* method);
   std::string GetURL() const { return url; }
-  /// The URL as it may stand in a log.
+  /// The URL without secrets, for logs.
   std::string GetLoggableURL() const;
   std::string GetRequest() const { return request; }
   /// Method of the last transfer.
   std::string GetLastRequest() const { return lastrequest; }
 
-  /// The value as `<<` writes it. Keys are never escaped, values always.
+  /// The value is formatted with `<<`. Values are escaped, keys are not.
   template <typename T>
   void AddQuery(const char* key, T value) {
     query[key] = Written(std::move(value));
@@ -83,8 +82,8 @@ class CURLImpl {
 
   /// Multipart form (libcurl's curl_httppost); ownership passes to the object.
   void SetPost(curl_httppost* form);
-  /// How the body of the next transfer is sent again from its first byte: after a redirect, or when
-  /// a kept connection turns out to be closed. A BodyCursor needs none of this.
+  /// Lets the next transfer send its body again from the first byte: after a redirect, or when a
+  /// kept connection turns out to be closed. Not needed with a BodyCursor.
   void SetBodySeek(curl_seek_callback seek, void* body);
   void SetPostFileSize(long long size);
   /// Bytes per second in both directions; 0 for no limit.
@@ -98,7 +97,7 @@ class CURLImpl {
   /// empty.
   void SetProxy(int type, std::string host, int port, std::string user, std::string password);
 
-  /// Checks certificate and host name, against the bundle beside the host program or, when there is
+  /// Checks certificate and host name, against the bundle next to the host program or, if there is
   /// none, against libcurl's default bundle.
   void SetSSLDefaults();
 
@@ -142,7 +141,7 @@ class CURLImpl {
   bool preauthenticated = false;
 
  private:
-  // What the transfer-information callback calls first, and whose word ends the transfer.
+  // The transfer-information callback calls this first; its result can end the transfer.
   struct StopWatch {
     curl_xferinfo_callback report = nullptr;
     void* to = nullptr;

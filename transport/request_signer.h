@@ -1,4 +1,4 @@
-// Stamps credentials onto requests.
+// Adds credentials to requests.
 #pragma once
 
 #include <memory>
@@ -13,19 +13,19 @@ namespace onedrive4b {
 
 /// Query arguments and headers that every signed request carries; in practice the bearer token
 /// (RFC 6750, section 2.1). One signer serves all threads of a protocol object: a request is signed
-/// with the old token or the new one, never with half of each.
+/// either with the old token or with the new one.
 class CURLAuth {
  public:
-  /// Takes the token as SetAuth does.
+  /// Sets the token like SetAuth.
   explicit CURLAuth(JsonObject& auth);
   virtual ~CURLAuth() = default;
 
-  /// Takes "results"."access_token" of a token reply. A reply without one, or with one that
-  /// cannot stand in a header, changes nothing. Throws the JSON library's error when a member has
-  /// the wrong type.
+  /// Uses "results"."access_token" of a token reply. A reply without a token, or with a token that
+  /// is not valid in a header, changes nothing. Throws the JSON library's error if a member has the
+  /// wrong type.
   virtual void SetAuth(JsonObject& auth);
 
-  /// Copies all entries into the request, over entries of the same names.
+  /// Copies all entries into the request; they replace entries with the same names.
   virtual void SignAuthentication(CURLImpl& request);
   virtual void SignAuthentication(std::shared_ptr<CURLImpl> request);
   virtual void SignAuthentication(CURLImpl* request);

@@ -36,7 +36,7 @@ std::shared_ptr<char[]> AllocateBlock(std::size_t size) {
 }
 
 bool CanStandInHeader(std::string_view text) {
-  // One search each: for a set of characters the library looks at them one by one.
+  // One search for each: for a set of characters the library compares one by one.
   constexpr std::string_view kForbidden("\r\n\0", 3);
   return std::ranges::none_of(
       kForbidden, [&](char character) { return text.find(character) != std::string_view::npos; });
@@ -48,11 +48,11 @@ _CURLRTN WithoutHandle() {
   return result;
 }
 
-// Follows the lines that libcurl hands to its header function, one at a time: those of a header
-// block, which begins with a status line and ends with an empty one, and trailer lines.
+// Receives the lines of libcurl's header function: the lines of a header block, which begins with a
+// status line and ends with an empty line, and trailer lines.
 class HeaderLines {
  public:
-  /// Keeps the blocks, not the trailers, in `kept`, which may be null.
+  /// Appends the blocks, but not the trailers, to `kept`, which may be null.
   explicit HeaderLines(evbuffer* kept) : kept_(kept) {}
 
   static std::size_t Take(char* data, std::size_t size, std::size_t count, void* to) {
@@ -69,10 +69,10 @@ class HeaderLines {
 
   std::size_t kept_length() const { return kept_length_; }
 
-  /// Whether anything of an answer has come.
+  /// Whether any part of an answer has arrived.
   bool answered() const { return answered_; }
 
-  /// The answer ended before its header block did. libcurl takes that for an answer without body.
+  /// Whether the answer ended inside a header block. libcurl treats it as an answer without a body.
   bool broken_off() const { return in_block_; }
 
  private:
@@ -82,9 +82,8 @@ class HeaderLines {
   bool answered_ = false;
 };
 
-// Whether a transfer failed because the server, or a box on the way to it, had forgotten the kept
-// connection that it went out on. libcurl sends such a request again by itself, but not once it has
-// begun to send a body.
+// Whether a transfer failed because the server, or a router on the way, had closed the kept
+// connection. libcurl repeats such a request by itself, but not after it has begun to send a body.
 bool MetClosedConnection(CURL* curl, CURLcode code, const HeaderLines& lines) {
   const bool broke =
       code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR || code == CURLE_GOT_NOTHING;
@@ -127,11 +126,12 @@ bool CURLImpl::RewindBody() const {
          body_seek.seek(body_seek.body, kBegin, SEEK_SET) == CURL_SEEKFUNC_OK;
 }
 
-// What all transfers share, once URL, body source and stream functions are set. `collected` takes
-// header blocks and, behind them, the body; null when the caller streams the body.
+// The common part of all transfers, after URL, body source and stream functions are set.
+// `collected` receives the header blocks and, after them, the body; it is null when the caller
+// streams the body.
 //
-// libcurl could put the header lines there itself (CURLOPT_HEADER), but versions differ in whether
-// the trailer lines of a chunked body get there, too. They belong to neither part.
+// libcurl could write the header lines there itself (CURLOPT_HEADER), but versions differ in
+// whether they also write the trailer lines of a chunked body, which belong to neither part.
 _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   _CURLRTN result;
   errorbuffer.fill('\0');
@@ -140,7 +140,7 @@ _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   } else {
     Set(CURLOPT_CUSTOMREQUEST, request.c_str());
   }
-  // A method word of our own goes along with a redirect, so its body must, too: a PUT without it
+  // A custom method is kept across a redirect, so the body must be kept as well: a PUT without it
   // would store an empty file.
   Set(CURLOPT_POSTREDIR, request.empty() ? 0L : long{CURL_REDIR_POST_ALL});
   const HeaderList header_list(BuildHeader());
@@ -167,9 +167,8 @@ _CURLRTN CURLImpl::Run(const char* natural_method, evbuffer* collected) {
   Set(CURLOPT_HEADERDATA, nullptr);
   result.errmsg = errorbuffer.data();
   CURL* handle = curl.get();
-  // Each connection that had to be made may have taken the place of one that was closed. A handle
-  // whose transfer failed, inside the headers of an answer for instance, is not trusted with
-  // another.
+  // A new connection may have replaced one that the server had closed, which libcurl counts. A
+  // handle whose transfer failed, for example inside the headers of an answer, is not used again.
   handle_is_used_up = result.curlcode != CURLE_OK || GetInfo(handle, CURLINFO_NUM_CONNECTS, 0L) > 0;
   if (result.curlcode != CURLE_OK) return result;
 
@@ -214,7 +213,7 @@ _CURLRTN CURLImpl::PerformPost(void* readFunction, void* readData, long long siz
     Set(CURLOPT_READFUNCTION, readFunction);
     if (readData != nullptr) Set(CURLOPT_READDATA, readData);
   } else {
-    // libcurl reads as many bytes as it is told, so never more than there are.
+    // libcurl reads exactly this many bytes, so never announce more than there are.
     const auto length = static_cast<long long>(form.size());
     size = size < 0 ? length : std::min(size, length);
     Set(CURLOPT_POSTFIELDS, form.c_str());

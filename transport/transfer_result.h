@@ -13,7 +13,7 @@ class CURLImpl;
 /// only when the exchange completed. The blocks outlive the request object.
 struct _CURLRTN {
   std::int32_t curlcode = 0;     ///< libcurl's CURLcode; 0 whatever the HTTP status
-  std::string errmsg;            ///< libcurl's own words, for request objects that ask for them
+  std::string errmsg;            ///< libcurl's message, if the request object asks for it
   std::int32_t httpcode = 0;     ///< status of the last response; 0 for none
   std::shared_ptr<char[]> body;  ///< `bodylen` bytes without NUL; empty for none or when streamed
   std::uint32_t bodylen = 0;

@@ -1,7 +1,7 @@
 // AERROR: the one result type of the module and its host.
 //
 // Every interface operation returns an AERROR and SUCCESS is the only success. The numbering
-// belongs to the host; many values are used by its other components only. Values are never
+// belongs to the host; only its other components use many of the values. Values are never
 // renumbered.
 #pragma once
 
@@ -139,7 +139,7 @@ enum AERROR : std::int32_t {
 
 extern "C" {
 
-/// Static name of `code`, spelled as the enumerator; "Unknown" for a value that has none.
+/// Static name of `code`, spelled as the enumerator; "Unknown" for any other value.
 /// Never null, never freed. Callable from any thread.
 ONEDRIVE4B_EXPORT const char* GetAERRORA(AERROR code) noexcept;
 

@@ -4,7 +4,7 @@
 //
 //   auto get_protocol = reinterpret_cast<decltype(&GetProtocol)>(dlsym(module, "GetProtocol"));
 //
-// None takes a lock and none throws. The Bind and Unbind functions must not race with operations of
+// No function locks or throws. The Bind and Unbind functions must not race with operations of
 // protocol objects: bind before the first object is made, unbind after the last one is released.
 #pragma once
 
@@ -19,11 +19,12 @@ extern "C" {
 /// Support bits of the protocol.
 ONEDRIVE4B_EXPORT int GetSupports() noexcept;
 
-/// Stores the host's job queue. False, and no change, for null.
+/// Stores the host's job queue. Returns false for null and keeps the earlier one.
 ONEDRIVE4B_EXPORT bool BindAsyncQ(AsyncQ* queue) noexcept;
 ONEDRIVE4B_EXPORT void UnbindAsyncQ() noexcept;
 
-/// Stores the host's logger, which must live until UnbindLogger. False, and no change, for null.
+/// Stores the host's logger, which must live until UnbindLogger. Returns false for null and keeps
+/// the earlier one.
 ONEDRIVE4B_EXPORT bool BindLogger(ILog* log) noexcept;
 ONEDRIVE4B_EXPORT void UnbindLogger() noexcept;
 
@@ -42,16 +43,16 @@ ONEDRIVE4B_EXPORT const char* GetProtocolVersion() noexcept;
 ONEDRIVE4B_EXPORT bool GetProtocol(const char* name, IProtocolManager* manager,
                                    IProtocol_V2** out) noexcept;
 
-/// Kind of authentication that the protocol asks the host for.
+/// The kind of authentication that the host must provide.
 ONEDRIVE4B_EXPORT int GetAuthType() noexcept;
 
-/// JSON description of the login window, copied with its NUL. `*length`: in, characters the buffer
-/// takes besides the NUL, all of which are zeroed first; out, the text's length.
+/// JSON description of the login window, copied with its NUL. `*length`: in, bytes that the buffer
+/// can hold in addition to the NUL, all of which are zeroed first; out, the text's length.
 /// INSUFFICIENT_BUFFER leaves buffer and `*length` unchanged.
 ONEDRIVE4B_EXPORT AERROR GetAuthFields(char* buffer, int* length) noexcept;
 
-/// JSON description of the options page. As GetAuthFields, but INSUFFICIENT_BUFFER sets `*length`
-/// to the length needed.
+/// JSON description of the options page. Like GetAuthFields, but INSUFFICIENT_BUFFER sets `*length`
+/// to the required length.
 ONEDRIVE4B_EXPORT AERROR GetOptFields(char* buffer, int* length) noexcept;
 
 ONEDRIVE4B_EXPORT extern ILog* logger;                  ///< null until bound

@@ -1,6 +1,6 @@
 // The interfaces through which host and module call each other.
 //
-// The order of the virtual operations is the contract. The interfaces have no virtual destructor:
+// The order of the virtual operations must never change. The interfaces have no virtual destructor:
 // an object is never deleted through them, and a destructor's slots would move the operations.
 //
 // Threads: the host may call operations of one protocol object from several threads at once. Each
@@ -11,12 +11,13 @@
 // Ownership: every pointer passed to an operation is the caller's and must stay valid until the
 // operation returns; IProtocolManager and IProtocolAuth must outlive the protocol object.
 //
-// Exceptions: no operation of the module throws. A receiver should not throw either: one that does
-// fails its operation, except that an entry of a listing is left out, the last piece of a download
-// counts as taken, and a logger, a progress function and a value that cannot be read are ignored.
+// Exceptions: no operation of the module throws. A callback should not throw either. If it does,
+// its operation fails, with these exceptions: an entry of a listing is left out, the last piece of
+// a download counts as delivered, and a throw from the logger, from a progress function or from
+// GetValue is ignored.
 //
-// Texts that come from the service (ids, names, entity tags, URLs) may hold any character, in
-// records as in log lines: a host that writes them to a file or terminal escapes them.
+// Texts from the service (ids, names, entity tags, URLs) may contain any character, in records and
+// in log lines: a host must escape them before it writes them to a file or terminal.
 #pragma once
 
 #include <cstdarg>
@@ -31,7 +32,7 @@ class AsyncQ;        // the host's job queue; the module stores a pointer and ne
 class IFileChanges;  // receiver of changes; the module never calls it
 class IProtocol_V2;
 
-/// Severity of a log line. Hosts may know more values; the module uses these.
+/// Severity of a log line. Hosts may define more values; the module uses these.
 enum LOGLEVEL : std::int32_t {
   LOGLEVEL_INFO = 1,    ///< progress and results
   LOGLEVEL_DETAIL = 2,  ///< the transfer library's informational text
@@ -41,7 +42,7 @@ enum LOGLEVEL : std::int32_t {
 /// The host's logger. Called from several threads at once.
 class ILog {
  public:
-  /// The host's; the module never calls it.
+  /// Belongs to the host; the module never calls it.
   virtual void HostReserved() = 0;
   /// Whether requests and responses are to be traced header by header.
   virtual bool IsDetailed() = 0;
@@ -60,7 +61,7 @@ class IAsyncObj {
   virtual ~IAsyncObj() = default;
 };
 
-/// Services that the host gives to a protocol object when it is made. Results are ignored.
+/// Store of the host for the values of a protocol object. Results are ignored.
 class IProtocolManager {
  public:
   /// Writes the NUL-terminated id under which the object's values are stored. `length` holds the
@@ -75,13 +76,13 @@ class IProtocolManager {
   ~IProtocolManager() = default;
 };
 
-/// The host's authorisation service: it alone talks to the OAuth 2.0 authority (RFC 6749).
+/// The host's authorisation service. Only the host talks to the OAuth 2.0 authority (RFC 6749).
 class IProtocolAuth {
  public:
   /// Obtains tokens. `credential` is a JSON object: "results"."refresh_token" may hold a refresh
   /// token, and "args"."resource", when present and not empty, names the resource that the access
-  /// token is for. Returns a new JSON text whose "results" hold "access_token" and, when there is a
-  /// new one, "refresh_token"; null on failure. May be called from any thread.
+  /// token is for. Returns a new JSON text whose "results" contain "access_token" and, if there is
+  /// a new one, "refresh_token"; null on failure. May be called from any thread.
   virtual char* Authorize(IProtocol_V2* protocol, const char* credential) = 0;
   /// Releases a text that Authorize returned. Null is ignored.
   virtual void FreeResult(char* text) = 0;
@@ -93,7 +94,7 @@ class IProtocolAuth {
 /// Receiver of a listing.
 class IFileList {
  public:
-  /// One entry. The record lives only during the call; the result is ignored.
+  /// One entry. The record is valid only during the call; the result is ignored.
   virtual AERROR AddFile(_FS_FILE_V2* file) = 0;
 
  protected:
@@ -103,8 +104,8 @@ class IFileList {
 /// Receiver of downloaded bytes.
 class IFetchCallback {
  public:
-  /// `length` bytes that belong at file offset `offset`; `data` lives only during the call. Pieces
-  /// come in file order; after a repeated request they start again at the range's first byte.
+  /// `length` bytes at file offset `offset`; `data` is valid only during the call. Pieces
+  /// arrive in file order; after a repeated request they start again at the range's first byte.
   /// `reserved` is 0; the result is ignored.
   virtual AERROR OnFetch(std::int64_t offset, const char* data, std::int64_t length,
                          int reserved) = 0;
@@ -116,7 +117,7 @@ class IFetchCallback {
 /// The host's local copy of a file that is being uploaded.
 class ICacheIO {
  public:
-  /// Fills `request->buffer` and sets `request->done`. 0 is success, everything else ends the
+  /// Fills `request->buffer` and sets `request->done`. 0 is success; any other result ends the
   /// upload.
   virtual int ReadCache(_CACHEIO_REQUEST* request) = 0;
 
@@ -137,14 +138,14 @@ class IRefObject {
 
 /// A protocol object: operations on account and files. See IProtocol_V2.
 ///
-/// Items are named by ids, as the module reported them in a record's `id`; a null id is the drive's
+/// An id names an item; it is the `id` of a record that the module filled. A null id is the drive's
 /// root. `message` out-parameters are never set. Operations that need the service return
-/// FS_NEED_AUTHORIZE before Connect has succeeded, INVALID_PARAMETER for a null argument that they
-/// need, and FAILED where nothing more exact is known.
+/// FS_NEED_AUTHORIZE before Connect has succeeded, INVALID_PARAMETER if a required argument is
+/// null, and FAILED for every failure without its own value.
 class IProtocol_V1 : public IRefObject {
  public:
   /// Display name of the signed-in user; INVALID_PARAMETER before Connect. `*length`: in,
-  /// characters the buffer takes besides the terminating NUL; out, the name's length.
+  /// bytes that the buffer can hold in addition to the NUL; out, the name's length.
   /// INSUFFICIENT_BUFFER leaves it unchanged.
   virtual AERROR GetUserInfo(char* buffer, int* length) = 0;
   /// Bytes of storage; either pointer may be null. Asks the service at most once a minute.
@@ -154,17 +155,17 @@ class IProtocol_V1 : public IRefObject {
   virtual AERROR SetQuota(std::uint64_t total, std::uint64_t used) = 0;
   /// Sets `*out` to the static name of the protocol.
   virtual AERROR GetType(char** out) = 0;
-  /// Hands the entries of a folder to `list`, page by page. Entries handed over before a failure
-  /// stay handed over.
+  /// Passes the entries of a folder to `list`, page by page. A failure does not take back entries
+  /// that were passed before it.
   virtual AERROR GetFileList(const char* id, IFileList* list, char** message) = 0;
   /// Reports no changes.
   virtual AERROR GetChanges(IFileChanges* changes, char** message) = 0;
-  /// Describes one item. Fields that the service does not supply keep what `file` held.
+  /// Describes one item. Fields that the service does not send keep their values in `file`.
   virtual AERROR GetFileInfo(const char* id, _FS_FILE_V2* file, char** message) = 0;
-  /// Gives the item the name `file->filename`; `target` is only logged.
+  /// Renames the item to `file->filename`; `target` is only logged.
   virtual AERROR Rename(const char* id, const char* target, _FS_FILE_V2* file, char** message) = 0;
-  /// Puts the item into the folder `target` (null or empty: the drive root) under the name
-  /// `file->filename`. A null `id` is refused with FAILED.
+  /// Moves the item into the folder `target` (null or empty: the drive root) under the name
+  /// `file->filename`. A null `id` is FAILED.
   virtual AERROR Move(const char* id, const char* target, _FS_FILE_V2* file, char** message) = 0;
   /// Move for folders.
   virtual AERROR MoveDir(const char* id, const char* target, _FS_FILE_V2* file, char** message) = 0;
@@ -185,10 +186,11 @@ class IProtocol_V1 : public IRefObject {
   /// NOT_SUPPORTED.
   virtual AERROR SetFileTime(const char* id, std::string created, std::string modified,
                              std::string accessed, _FS_FILE_V2* file, char** message) = 0;
-  /// Sets an option; keys are compared without regard to case, unknown ones are ignored. Not to be
-  /// called while other operations of the object run.
+  /// Sets an option; keys are compared without regard to case, unknown ones are ignored. Must not
+  /// be called while other operations of the object run.
   virtual AERROR SetOpt(const char* key, const char* value) = 0;
-  /// The credential text given to Connect. Lengths as for GetUserInfo; FS_NEED_AUTHORIZE before.
+  /// The credential text that was passed to Connect; FS_NEED_AUTHORIZE before Connect. Lengths as
+  /// for GetUserInfo.
   virtual AERROR GetCredential(char* buffer, int* length) = 0;
   /// Feature bits.
   virtual int GetFeature() = 0;
@@ -203,7 +205,7 @@ class IProtocol_V1 : public IRefObject {
   ~IProtocol_V1() = default;
 };
 
-/// A protocol object as GetProtocol makes it. The order of calls is GetProtocol, SetOpt any number
+/// A protocol object that GetProtocol made. The order of calls is GetProtocol, SetOpt any number
 /// of times, Connect, operations, Release.
 class IProtocol_V2 : public IProtocol_V1 {
  public:

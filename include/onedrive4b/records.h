@@ -1,6 +1,6 @@
 // Plain records that host and module read and write in each other's memory.
 //
-// Field order and widths are the contract, so new fields can never be added here. The records hold
+// Field order and widths must never change, so no field can be added here. The records contain
 // standard-library types: host and module must be built against the same standard library and the
 // same ABI of std::string.
 #pragma once
@@ -13,30 +13,30 @@
 
 /// One file or folder.
 struct _FS_FILE_V1 {
-  std::string id;          ///< the module's name of the item; opaque to the host
+  std::string id;          ///< names the item to the module; opaque to the host
   std::uint32_t attr = 0;  ///< 1 file, 2 folder, 0x42 synthesised folder
   std::int64_t size = 0;   ///< bytes; 0 for folders
   std::string crtime;      ///< creation time, RFC 3339
   std::string lasttime;    ///< last modification time, RFC 3339
-  std::string accesstime;  ///< the module always gives the value of `lasttime`
+  std::string accesstime;  ///< the module always sets the value of `lasttime`
   std::string filename;    ///< display name, UTF-8
-  /// NUL-terminated entity tag, shared by copies; empty for none. Code of the module frees it, so
-  /// every record that the module has filled goes before the library is closed.
+  /// NUL-terminated entity tag, shared by copies; empty for none. The module's code frees it, so
+  /// destroy every record that the module has filled before you close the library.
   std::shared_ptr<char[]> eTag;
 };
 
-/// The record of the current interface. The module fills neither of the host's own fields.
+/// The record of the current interface. The module never changes the two fields of the host.
 struct _FS_FILE_V2 : _FS_FILE_V1 {
   std::deque<std::string> extlist;  ///< the host's
   std::string extinfo;              ///< the host's
 };
 
-/// Progress of one transfer, called on the thread that called the operation. `total` and `done` are
-/// bytes; `total` is 0 while it is not known.
+/// Progress of one transfer, called on the operation's thread. `total` and `done` are bytes;
+/// `total` is 0 while it is unknown.
 using ProgressCallback = void (*)(long long total, long long done, void* context,
                                   double bytes_per_second);
 
-/// The host's handle of an open file, given to Read and Upload.
+/// The host's handle of an open file, a parameter of Read and Upload.
 struct _FS_HANDLE {
   std::int32_t host_field1 = 0;
   std::int32_t state = 0;     ///< above 2: the transfer ends within a second; set at any time
@@ -46,7 +46,7 @@ struct _FS_HANDLE {
   void* progressctx = nullptr;          ///< passed back to `progress`
 };
 
-/// What ICacheIO::ReadCache is asked for.
+/// A request to ICacheIO::ReadCache.
 struct _CACHEIO_REQUEST {
   char* buffer = nullptr;    ///< where the bytes go; room for `length`
   std::int64_t offset = 0;   ///< file offset to read from
@@ -66,7 +66,7 @@ struct _PROXYINFO {
   std::string password;
 };
 
-/// The host's; the module accepts every value and looks at none.
+/// Defined by the host; the module ignores the value.
 enum UPLOAD_FLAG : std::int32_t {};
 
 static_assert(sizeof(std::string) == 32 && sizeof(std::shared_ptr<char[]>) == 16 &&
