@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kStepsAtATime = 3;
 constexpr std::chrono::minutes kFirstRetry{1};
+constexpr std::chrono::seconds kShortRest{1};
 constexpr int kMostDoublings = 6;  // 64 minutes
 
 /// Failures that say nothing about the change itself.
@@ -108,7 +109,24 @@ void Sender::Run(Task task) {
   if (failure) HandleTrouble(task, *failure);
   const Lock lock(core_.mutex);
   if (!failure) core_.Answered();
+  if (!failure || !IsPassing(failure->trouble())) RestIfUnchanged(task.step);
   Finish(task.step);
+}
+
+/// A step that changed nothing is not repeated at once: whatever stands in its way may need time.
+void Sender::RestIfUnchanged(const Step& step) {
+  std::optional<Item> item = core_.catalog.Find(step.item.number);
+  const Item& before = step.item;
+  if (!item || !item->refusal.reason.empty()) return;
+  const bool unchanged = item->id == before.id && item->etag == before.etag &&
+                         item->base == before.base && item->place == before.place &&
+                         item->copy_etag == before.copy_etag && item->dirty == before.dirty;
+  if (!unchanged) return;
+  Change change(core_);
+  item->refusal.retry = core_.clock.Now() + kShortRest * (1 << item->refusal.attempts);
+  item->refusal.attempts = std::min(item->refusal.attempts + 1, kMostDoublings);
+  core_.catalog.Put(*item);
+  change.Commit();
 }
 
 void Sender::Finish(const Step& step) {
@@ -146,7 +164,8 @@ ItemNumber Sender::OwnerOf(ItemNumber number) const {
 
 bool Sender::Sync(Lock& lock, std::chrono::milliseconds time, std::stop_token stop) {
   const FileTime until = core_.clock.Now() + time;
-  for (Item item : core_.catalog.RefusedItems()) {
+  for (Item item : core_.catalog.Pending()) {
+    if (item.refusal.retry <= core_.clock.Now()) continue;
     item.refusal.retry = {};
     Change change(core_);
     core_.catalog.Put(item);

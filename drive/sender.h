@@ -43,6 +43,7 @@ class Sender {
   void Pass();
   void Start(const Step& step);
   void Run(Task task);
+  void RestIfUnchanged(const Step& step);
   void Finish(const Step& step);
   void Refuse(ItemNumber number, const std::string& reason);
   ItemNumber OwnerOf(ItemNumber number) const;

@@ -89,7 +89,8 @@ class Client {
 
   void Append(const std::string& path, const std::string& data) {
     const drive::Attributes found = Find(path);
-    Pour(drive_->Open(found.number, {.write = true}, {}), found.size, data);
+    const auto file = drive_->Open(found.number, {.write = true}, {});
+    Pour(file, drive_->Get(found.number).size, data);
   }
 
   std::string Read(const std::string& path) { return ReadNumber(Find(path).number); }
