@@ -1,5 +1,4 @@
-// Batch: the parts of a command that do not depend on each other. A part that fails is reported and
-// the others go on.
+// Batch: the independent parts of a command. A failed part is reported, and the others continue.
 //
 // One thread.
 #pragma once
@@ -13,15 +12,15 @@ namespace cli {
 
 class Batch {
  public:
-  /// `before_report` is called before a failure is printed; what it throws ends the batch.
+  /// Calls `before_report` before it prints a failure; an exception from it ends the batch.
   explicit Batch(std::function<void()> before_report = [] {})
       : before_report_(std::move(before_report)) {}
 
-  /// Runs `part`; false when it failed. Throws the Failure on when no other part can do better: the
-  /// person interrupts, the sign-in is gone, the proxy does not work.
+  /// Runs `part`; false if it failed. Rethrows the Failure if the other parts would fail, too:
+  /// after Ctrl-C, without a sign-in, without a working proxy.
   bool Try(const std::function<void()>& part);
 
-  /// Throws a kFailed Failure when a part has failed: "3 items were not <done>".
+  /// Throws a kFailed Failure if a part has failed: "3 items were not <done>".
   void Check(const std::string& noun, const std::string& done) const;
 
  private:

@@ -1,4 +1,4 @@
-// The commands that only look: whoami, df, ls, tree, stat.
+// The commands that change nothing: whoami, df, ls, tree, stat.
 //
 // Each writes to `out` and throws Failure. One thread.
 #pragma once

@@ -58,8 +58,8 @@ struct Options {
   LogOptions log;
 };
 
-/// The options, or the exit code with which the program ends at once: help and version were
-/// printed, or what is wrong with the command line.
+/// The options, or the exit code with which the program ends at once, after it has printed the
+/// help, the version or an error of the command line.
 std::variant<Options, int> ParseCommandLine(int argc, char** argv);
 
 }  // namespace cli

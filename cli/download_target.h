@@ -1,7 +1,7 @@
 // DownloadTarget and RangeReceiver: the local side of a download.
 //
-// The content grows under a temporary name in the target's folder and takes the target's place only
-// when it is whole; until then, and on any failure, the target is as it was.
+// The content is written to a temporary file in the target's folder, which replaces the target only
+// when it is complete; until then, and on any failure, the target is unchanged.
 //
 // Threads: Write may be called from several threads at once; the rest by the owner. A RangeReceiver
 // belongs to the thread that runs its transfer.
@@ -26,8 +26,8 @@ namespace cli {
 
 class DownloadTarget {
  public:
-  /// Makes the temporary file and reserves `size` bytes for it. Throws a kLocal Failure: no such
-  /// folder, no room, something other than a file in the way.
+  /// Makes the temporary file and reserves `size` bytes for it. Throws a kLocal Failure if
+  /// the folder is missing, the disk is full, or the target is not a file.
   DownloadTarget(TemporaryFiles& files, const std::filesystem::path& target, std::int64_t size);
 
   const std::string& temporary_file() const noexcept { return temporary_->path(); }
@@ -35,7 +35,7 @@ class DownloadTarget {
   /// Writes all of `data` at `offset`. Returns 0 or the system's error number.
   int Write(std::int64_t offset, std::string_view data) noexcept;
 
-  /// Flushes the content to the disk and puts it in the target's place. Throws a kLocal Failure.
+  /// Flushes the content to the disk and replaces the target. Throws a kLocal Failure.
   void Commit();
 
  private:
@@ -47,7 +47,7 @@ class DownloadTarget {
   std::optional<TemporaryFiles::File> temporary_;
 };
 
-/// Takes the bytes of one range and sees to it that none is missing.
+/// Receives the bytes of one range and checks that none is missing.
 class RangeReceiver final : public IFetchCallback {
  public:
   struct Range {
@@ -55,14 +55,14 @@ class RangeReceiver final : public IFetchCallback {
     std::int64_t length = 0;
   };
 
-  /// Stops the transfer through `handle` when a piece cannot be taken.
+  /// Stops the transfer through `handle` if a piece cannot be stored.
   RangeReceiver(DownloadTarget& target, const Range& range, std::shared_ptr<_FS_HANDLE> handle,
                 Progress& progress);
 
   AERROR OnFetch(std::int64_t offset, const char* data, std::int64_t length, int reserved) override;
 
-  /// Throws what kept a piece from being taken, and a kFailed Failure when bytes are missing.
-  /// `finished`: the transfer claims to have succeeded.
+  /// Throws the failure of a piece that could not be stored, or a kFailed Failure if bytes are
+  /// missing. `finished`: whether the transfer reported success.
   void Check(bool finished) const;
 
  private:
@@ -70,7 +70,7 @@ class RangeReceiver final : public IFetchCallback {
   const Range range_;
   const std::shared_ptr<_FS_HANDLE> handle_;
   Progress& progress_;
-  std::int64_t reached_;   ///< end of what has come without a gap
+  std::int64_t reached_;   ///< end of the bytes received without a gap
   std::int64_t reported_;  ///< furthest end that counted as progress
   int error_ = 0;          ///< of the file system
   bool out_of_order_ = false;

@@ -2,7 +2,7 @@
 // interface, for trying the program without an account.
 //
 // Threads: made and destroyed by one thread; the accessors may be called from any.
-// Lifetime: serves until it is destroyed; what was changed on the drive ends with it.
+// Lifetime: serves until it is destroyed; then all changes on the drive are lost.
 #pragma once
 
 #include <memory>

@@ -1,10 +1,10 @@
-// Interrupts: Ctrl-C and SIGTERM, taken by a thread of their own.
+// Interrupts: Ctrl-C and SIGTERM, handled by their own thread.
 //
-// While no Scope is open a signal ends the program with exit code 130: nothing is half done. While
-// one is open the first signal raises the cancellation, and whoever opened the scope cleans up; a
-// second one ends the program.
+// While no Scope is open, a signal ends the program with exit code 130: no work is in progress.
+// While a scope is open, the first signal raises the cancellation, and the owner of the scope
+// cleans up; a second signal ends the program.
 //
-// Ending waits for work that must not be cut short, an exchange of tokens above all, and removes
+// The end waits for work that must not be interrupted, such as an exchange of tokens, and removes
 // the temporary files.
 //
 // Threads: every operation may be called from any thread.
@@ -34,7 +34,7 @@ class Interrupts {
 
   TemporaryFiles& temporary_files() noexcept { return temporary_files_; }
 
-  /// Something that ends by itself when the cancellation is raised.
+  /// Work that ends by itself when the cancellation is raised.
   class Scope {
    public:
     explicit Scope(Interrupts& interrupts);

@@ -1,4 +1,4 @@
-// How commands write items, for people and as JSON.
+// The output of items, for people and as JSON.
 //
 // Pure functions, callable from any thread.
 #pragma once

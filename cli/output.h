@@ -1,4 +1,4 @@
-// Output: standard output with its errors noticed, and text laid out in columns.
+// Output: standard output with error checks, and text in columns.
 //
 // One thread at a time. The descriptor is the caller's and must stay open.
 #pragma once

@@ -1,4 +1,5 @@
-// Progress: how far a transfer is, on standard error: a bar on a terminal, plain lines elsewhere.
+// Progress: shows the progress of a transfer on standard error: a bar on a terminal, otherwise
+// lines.
 //
 // Threads: Add and MoveTo may be called from several threads at once; the rest by the owner.
 // Lifetime: one object for one transfer. Destroyed before Finish, it only clears its bar.
@@ -12,7 +13,7 @@
 namespace cli {
 
 /// One line: bar, percentage, amount, rate and time left, `width` cells wide at most. Total 0 means
-/// an empty file. Bytes per second 0 or less: not known yet.
+/// an empty file. Bytes per second of 0 or less means unknown.
 struct ProgressState {
   std::string label;  ///< escaped
   std::int64_t total = 0;
@@ -23,7 +24,7 @@ std::string ProgressLine(const ProgressState& state, std::size_t width);
 
 class Progress {
  public:
-  /// `label`: what is transferred.
+  /// `label` names what is transferred.
   Progress(const std::string& label, std::int64_t total, bool quiet);
   ~Progress();
   Progress(const Progress&) = delete;
@@ -31,7 +32,7 @@ class Progress {
 
   /// `bytes` more are done.
   void Add(std::int64_t bytes);
-  /// `done` bytes are done in all; a repeated request may go back.
+  /// `done` bytes are done in total; a repeated request may reduce the number.
   void MoveTo(std::int64_t done);
 
   /// The transfer has succeeded: writes its last line.
@@ -49,7 +50,7 @@ class Progress {
   const bool terminal_;
   const Clock::time_point start_;
   Clock::time_point shown_;      ///< when the newest line was written
-  std::int64_t shown_done_ = 0;  ///< what was done then
+  std::int64_t shown_done_ = 0;  ///< `done` at that time
   bool bar_is_there_ = false;
 };
 

@@ -16,8 +16,8 @@ namespace cli {
 /// A place for an item that may not exist yet.
 struct RemotePlace {
   RemoteItem folder;               ///< the folder it is in
-  std::string name;                ///< as asked for; empty for the drive's top
-  std::optional<RemoteItem> item;  ///< what is there
+  std::string name;                ///< as requested; empty for the drive's top
+  std::optional<RemoteItem> item;  ///< the existing item
   bool means_folder = false;       ///< written as the path of a folder
 };
 
@@ -31,24 +31,24 @@ class RemoteDrive {
   /// Entries of a folder, sorted by name. Throws Failure.
   std::vector<host::Item> List(const RemoteItem& folder) const;
 
-  /// The item that `path` names; a folder if that is how the path is written. Throws Failure.
+  /// The item at `path`; it must be a folder if the path is written as one. Throws Failure.
   RemoteItem Find(const std::string& path) const;
 
-  /// Where `path` is or would be: its folder must exist, the item itself need not. What is there is
-  /// a folder if that is how the path is written. Throws Failure.
+  /// The place of `path`: its folder must exist, the item itself need not. An existing item must be
+  /// a folder if the path is written as one. Throws Failure.
   RemotePlace Locate(const std::string& path) const;
 
   /// The place `name` in `folder`. Throws Failure.
   RemotePlace Inside(const RemoteItem& folder, const std::string& name) const;
 
-  /// What the service says of the item now. Throws Failure.
+  /// The current item. Throws Failure.
   host::Item Describe(const RemoteItem& item) const;
 
-  /// The folder that new things go to unless another is named: the user's own drive.
+  /// The default folder for new items: the user's own drive.
   RemoteItem OwnDrive() const;
 
-  /// Throws a kNotFound Failure when the path was written as that of a folder, but a file would be
-  /// made there.
+  /// Throws a kNotFound Failure if the path is written as a folder, but the command would create a
+  /// file there.
   static void CheckPlaceForFile(const RemotePlace& place);
 
   /// Makes the folder `name`. Throws Failure.

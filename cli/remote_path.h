@@ -1,4 +1,4 @@
-// Remote paths: how a person names items that the module knows by ids only.
+// Remote paths: people name items by paths, the module knows only ids.
 //
 // Pure functions over a lister; callable from any thread that may call the lister.
 #pragma once
@@ -22,19 +22,18 @@ struct RemoteItem {
 /// Entries of a folder; throws Failure.
 using Lister = std::function<std::vector<host::Item>(const RemoteItem& folder)>;
 
-/// The names in `path`, which may begin with "/" or not; "." and empty ones are dropped, ".." takes
-/// the one before it away.
+/// The names in `path`, which may begin with "/"; "." and empty names are dropped, and ".." removes
+/// the name before it.
 std::vector<std::string> SplitRemotePath(std::string_view path);
 
-/// Whether `path` is written as that of a folder: with a slash at the end, or with "." or ".."
-/// after the last one.
+/// Whether `path` is written as a folder: it ends with a slash, or its last name is "." or "..".
 bool MeansFolder(std::string_view path);
 
 /// "/a" + "b" is "/a/b".
 std::string JoinRemotePath(const std::string& folder, const std::string& name);
 
-/// The entry that `name` means: the one spelled so, else one that differs in case only, as the
-/// service compares names. Null when there is none.
+/// The entry with exactly this name, else an entry whose name differs only in case, as the service
+/// compares names. Null if there is none.
 const host::Item* FindEntry(const std::vector<host::Item>& entries, const std::string& name);
 
 /// Follows the names from `top`. Throws a kNotFound Failure that names the missing one.
@@ -44,11 +43,11 @@ RemoteItem ResolvePath(const RemoteItem& top, const std::vector<std::string>& na
 /// By name: without regard to case first, then byte by byte.
 void SortByName(std::vector<host::Item>& entries);
 
-/// Throws a kFailed Failure for a folder that the module made up, to which nothing can be added.
+/// Throws a kFailed Failure for a folder that the module synthesised: nothing can be added to it.
 void CheckWritable(const RemoteItem& folder);
 
-/// Throws a kFailed Failure for an item that nobody can rename, move or delete: the drives and
-/// the folders that the module made up.
+/// Throws a kFailed Failure for an item that cannot be renamed, moved or deleted: the drives and
+/// the synthesised folders.
 void CheckChangeable(const RemoteItem& item);
 
 /// Throws a kRefused Failure for a name that the service does not accept.

@@ -1,4 +1,4 @@
-// How the program ends: what it says about a failure and what it returns to the shell.
+// The end of the program: the message about a failure, and the exit code.
 //
 // Callable from any thread.
 #pragma once
@@ -7,7 +7,7 @@
 
 namespace cli {
 
-/// What the program returns to the shell. Documented in --help; never renumbered.
+/// Exit codes. Documented in --help and the manual page; never renumbered.
 enum class ExitCode : int {
   kOk = 0,
   kFailed = 1,         ///< the service or the module refused or failed an operation

@@ -1,4 +1,4 @@
-// TemporaryFiles: files that must be gone when the program ends, however it ends.
+// TemporaryFiles: files that are removed when the program ends, also after a signal.
 //
 // Threads: every operation may be called from any thread; one File belongs to one owner.
 // Lifetime: must outlive the files.
@@ -18,7 +18,7 @@ class TemporaryFiles {
   /// An empty file, open for reading and writing, which is removed with this object.
   class File {
    public:
-    /// Makes it in `folder` under a name of its own. Throws a kLocal Failure.
+    /// Creates it in `folder` under a unique name. Throws a kLocal Failure.
     File(TemporaryFiles& files, const std::filesystem::path& folder);
     ~File();
     File(const File&) = delete;
@@ -27,8 +27,8 @@ class TemporaryFiles {
     int fd() const noexcept { return fd_.get(); }
     const std::string& path() const noexcept { return path_; }
 
-    /// Closes the file and gives it the name `target`, replacing what has that name. False with
-    /// errno set.
+    /// Closes the file and renames it to `target`, replacing an existing file. False with errno
+    /// set.
     bool MoveTo(const std::filesystem::path& target);
 
    private:
@@ -40,7 +40,7 @@ class TemporaryFiles {
     base::UniqueFd fd_;
   };
 
-  /// For the end of the program: removes all files. No other one can be made afterwards.
+  /// For the end of the program: removes all files. No new file can be created afterwards.
   void RemoveAll() noexcept;
 
  private:

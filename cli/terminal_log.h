@@ -14,13 +14,13 @@ namespace cli {
 
 struct LogOptions {
   int verbosity = 0;       ///< 0: nothing on standard error, 1: progress and errors, 2: all
-  std::string trace_file;  ///< all lines go there too; empty for none
+  std::string trace_file;  ///< also receives all lines; empty for none
 };
 
 class TerminalLog final : public host::LogSink {
  public:
-  /// Throws a kLocal Failure when the trace file cannot be made. The file gets mode 0600; an old
-  /// one is replaced.
+  /// Throws a kLocal Failure if the trace file cannot be created. The file gets mode 0600; an old
+  /// file is replaced.
   explicit TerminalLog(const LogOptions& options);
 
   bool Wants(LOGLEVEL level) override { return trace_ || Shows(level); }

@@ -1,8 +1,8 @@
-// Transfers of one file: what get, cat and put are made of.
+// Transfers of one file, which get, cat and put use.
 //
 // Threads: each call runs on its caller's thread; Download adds threads of its own and waits for
 // them. Ctrl-C ends a transfer with a kInterrupted Failure.
-// Lifetime: everything in the context must outlive the call.
+// Lifetime: all objects in the context must outlive the call.
 #pragma once
 
 #include <filesystem>
@@ -22,13 +22,12 @@ struct TransferContext {
   Interrupts& interrupts;
 };
 
-/// Downloads a file to `target`, which is replaced only when all of it has come and the item is
-/// still the same. Throws Failure.
+/// Downloads a file to `target`, which is replaced only after the whole file has arrived and if the
+/// item has not changed. Throws Failure.
 void Download(const TransferContext& context, const RemoteItem& item,
               const std::filesystem::path& target);
 
-/// Writes a file's content, or the part of it that the options ask for, to the output. Throws
-/// Failure.
+/// Writes a file's content, or the part that the options select, to the output. Throws Failure.
 void Print(const TransferContext& context, const RemoteItem& item);
 
 /// Uploads `file` as `name` into `folder`; a file of this name gets a new version. Throws Failure.

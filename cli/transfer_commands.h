@@ -1,4 +1,4 @@
-// The commands that move contents: get, cat, put.
+// The commands that transfer contents: get, cat, put.
 //
 // One thread; each throws Failure. In a recursive transfer an item that fails is reported and the
 // others go on; the command then ends with a kFailed Failure that counts them.
@@ -12,7 +12,7 @@ void Get(const TransferContext& context);
 void Cat(const TransferContext& context);
 void Put(const TransferContext& context);
 
-/// Throws a kLocal Failure for a name that the service may send but that means another place here
+/// Throws a kLocal Failure for a name from the service that would lead to another local place
 /// ("..", "a/b").
 void CheckLocalName(const std::string& name);
 

@@ -1,4 +1,4 @@
-// UploadSource: a local file that is being uploaded, watched for changes underneath.
+// UploadSource: a local file during its upload; detects changes of the file.
 //
 // Threads: one thread at a time, the one that runs the upload.
 // Lifetime: keeps the file open until it is destroyed.
@@ -20,14 +20,15 @@ class UploadSource final : public ICacheIO {
   /// Throws a kLocal Failure when the file cannot be read or is not a regular file.
   explicit UploadSource(std::filesystem::path file);
 
-  /// Bytes at the time it was opened: what the upload will send.
+  /// Size when the file was opened: the upload sends this many bytes.
   std::int64_t size() const noexcept { return status_.st_size; }
 
-  /// Reads the piece from the file. Refuses the last piece of a file that is no longer the one that
-  /// was opened, so that the service never stores a mixture.
+  /// Reads the piece from the file. Refuses the last piece if the file has changed since it was
+  /// opened, so that the service never stores a mixture.
   int ReadCache(_CACHEIO_REQUEST* request) override;
 
-  /// Throws the kLocal Failure that ended the upload, or that the file changed since it was opened.
+  /// Throws the kLocal Failure that ended the upload, also if the file has changed since it was
+  /// opened.
   void Check() const;
 
  private:
