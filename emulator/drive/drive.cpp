@@ -28,8 +28,8 @@ std::string UpperGuid() {
 }
 
 void RequireName(const std::string& name) {
-  if (!IsValidName(name))
-    throw InvalidRequest("The name contains characters that are not allowed.");
+  if (IsValidName(name)) return;
+  throw InvalidRequest("The name is reserved, too long or holds characters that are not allowed.");
 }
 
 }  // namespace
@@ -209,7 +209,6 @@ std::optional<SharedRole> Drive::RoleOf(std::string_view id) const {
 }
 
 Drive::Stored Drive::CreateFolder(const FolderRequest& request) {
-  RequireName(request.name);
   const std::lock_guard lock(mutex_);
   Node& parent = Get(request.parent_id);
   if (!parent.item.folder) throw InvalidRequest("The parent is not a folder.");
@@ -223,18 +222,21 @@ Drive::Stored Drive::CreateFolder(const FolderRequest& request) {
     }
     name = FreeName(parent, name);
   }
+  RequirePlace(parent, name, nullptr);
   return {.item = Describe(Insert(parent, name, true, Author(request.by))), .created = true};
 }
 
 Drive::Stored Drive::StoreFile(const FileRequest& request, const ContentPtr& content) {
+  ContentPtr kept = content;
   try {
     CheckStore(request, content->Size());
     const std::string extra = ExtraFor(request.name);
-    const ContentPtr kept = store_.Keep(extra.empty() ? content : ExtendedContent(content, extra));
+    kept = store_.Keep(extra.empty() ? content : ExtendedContent(content, extra));
     if (kept != content) content->Abandon();
     return StoreKept(request, kept, !extra.empty());
   } catch (const std::exception&) {
     content->Abandon();
+    kept->Abandon();
     throw;
   }
 }
@@ -253,15 +255,15 @@ Drive::Stored Drive::StoreKept(const FileRequest& request, const ContentPtr& kep
   const Node* there = FileToReplace(request);
   Node& parent = Get(request.parent_id);
   const bool created = there == nullptr || request.on_conflict == OnConflict::kRename;
-  Node& file = created ? Insert(parent, FreeName(parent, request.name), false, Author(request.by))
-                       : Get(there->item.id);
+  const std::string name = created ? FreeName(parent, request.name) : there->item.name;
+  if (created) RequirePlace(parent, name, nullptr);
+  Node& file = created ? Insert(parent, name, false, Author(request.by)) : Get(there->item.id);
   PutContent(file, kept, Author(request.by));
   if (rewritten) ++file.item.version;
   return {.item = Describe(file), .created = created};
 }
 
 void Drive::CheckStore(const FileRequest& request, std::uint64_t size) const {
-  RequireName(request.name);
   const std::lock_guard lock(mutex_);
   const Node* there = FileToReplace(request);
   const bool replaces = there != nullptr && request.on_conflict == OnConflict::kReplace;
@@ -270,7 +272,6 @@ void Drive::CheckStore(const FileRequest& request, std::uint64_t size) const {
 }
 
 Item Drive::Change(const ChangeRequest& request) {
-  if (!request.name.empty()) RequireName(request.name);
   const std::lock_guard lock(mutex_);
   Node& node = Get(request.id);
   if (node.item.IsRoot()) throw AccessDenied();
@@ -282,23 +283,29 @@ Item Drive::Change(const ChangeRequest& request) {
   }
   std::string name = request.name.empty() ? node.item.name : request.name;
   const Node* there = FindChild(parent, name);
-  if (there != nullptr && there != &node) {
-    if (request.on_conflict == OnConflict::kFail) throw NameAlreadyExists();
-    if (request.on_conflict == OnConflict::kRename) {
-      name = FreeName(parent, name);
-    } else {
-      if (there->item.folder || node.item.folder) throw NameAlreadyExists();
-      if (AnyLocked(*there)) throw ResourceLocked();
-      const std::string replaced = there->item.id;
-      Detach(Get(replaced));
-      Erase(replaced);
-    }
+  if (there == &node) there = nullptr;
+  if (there != nullptr && request.on_conflict == OnConflict::kRename) {
+    name = FreeName(parent, name);
+    there = nullptr;
   }
+  RequirePlace(parent, name, &node);
+  if (there != nullptr) MakeWay(*there, node, request.on_conflict);
   MoveNode(node, parent, name);
   Touch(node, Author(request.by));
   if (request.created) node.item.created = *request.created;
   if (request.modified) node.item.modified = *request.modified;
   return Describe(node);
+}
+
+/// Removes the file that `node` is to replace.
+void Drive::MakeWay(const Node& there, const Node& node, OnConflict on_conflict) {
+  if (on_conflict == OnConflict::kFail || there.item.folder || node.item.folder) {
+    throw NameAlreadyExists();
+  }
+  if (AnyLocked(there)) throw ResourceLocked();
+  const std::string replaced = there.item.id;
+  Detach(Get(replaced));
+  Erase(replaced);
 }
 
 void Drive::Delete(std::string_view id, const std::string& if_match) {
@@ -342,11 +349,16 @@ Item Drive::Describe(const Node& node) const {
   Item item = node.item;
   item.child_count = node.children.size();
   if (node.content) item.hash = node.content->Hash();
-  if (item.IsRoot()) return item;
-  for (const Node* up = &Get(item.parent_id); !up->item.IsRoot(); up = &Get(up->item.parent_id)) {
-    item.parent_path.insert(0, "/" + up->item.name);
-  }
+  if (!item.IsRoot()) item.parent_path = PathOf(Get(item.parent_id));
   return item;
+}
+
+std::string Drive::PathOf(const Node& node) const {
+  std::string path;
+  for (const Node* up = &node; !up->item.IsRoot(); up = &Get(up->item.parent_id)) {
+    path.insert(0, "/" + up->item.name);
+  }
+  return path;
 }
 
 void Drive::AddSize(Node& node, std::uint64_t bytes) {
@@ -438,6 +450,7 @@ const Drive::Node* Drive::FileToReplace(const FileRequest& request) const {
   if (!parent.item.folder) throw InvalidRequest("The parent is not a folder.");
   const Node* there = FindChild(parent, request.name);
   if (there == nullptr) {
+    RequirePlace(parent, request.name, nullptr);
     if (!request.if_match.empty()) throw ResourceModified();
     return nullptr;
   }
@@ -455,6 +468,27 @@ std::string Drive::FreeName(const Node& folder, const std::string& name) const {
     free = NumberedName(name, number);
   }
   return free;
+}
+
+void Drive::RequirePlace(const Node& parent, const std::string& name, const Node* moved) const {
+  RequireName(name);
+  const std::string folder = PathOf(parent);
+  // A path begins with a slash, which is not counted.
+  const std::size_t length = Utf16Length(folder) + Utf16Length(name);
+  const bool longer = moved == nullptr || length >= Utf16Length(PathOf(*moved));
+  if (!longer) return;
+  if (length + (moved == nullptr ? 0 : LongestPathBelow(*moved)) > kLongestPath) {
+    throw InvalidRequest("The path is too long.").WithInnerCode("pathIsTooLong");
+  }
+}
+
+std::size_t Drive::LongestPathBelow(const Node& node) const {
+  std::size_t longest = 0;
+  for (const auto& [name, id] : node.children) {
+    const Node& child = Get(id);
+    longest = std::max(longest, 1 + Utf16Length(child.item.name) + LongestPathBelow(child));
+  }
+  return longest;
 }
 
 bool Drive::IsInside(std::string_view id, std::string_view folder_id) const {

@@ -198,10 +198,15 @@ class Drive {
   Node& MakeFolders(std::string_view path);
   const Node* FileToReplace(const FileRequest& request) const;
   std::string FreeName(const Node& folder, const std::string& name) const;
+  /// Throws when an item cannot stand there. `moved`: with all below it; nullptr: a new item.
+  void RequirePlace(const Node& parent, const std::string& name, const Node* moved) const;
+  std::string PathOf(const Node& node) const;
+  std::size_t LongestPathBelow(const Node& node) const;
   bool IsInside(std::string_view id, std::string_view folder_id) const;
   bool AnyLocked(const Node& node) const;
   static void CheckMatch(const Node& node, const std::string& if_match);
   const Identity& Author(const Identity* by) const;
+  void MakeWay(const Node& there, const Node& node, OnConflict on_conflict);
   void MoveNode(Node& node, Node& parent, const std::string& name);
 
   void Load();

@@ -10,18 +10,43 @@ namespace emulator {
 
 std::string FoldName(std::string_view name) { return base::FoldCase(name); }
 
+namespace {
+
+/// COM0 to COM9, LPT0 to LPT9.
+bool IsPort(std::string_view folded) {
+  return folded.size() == 4 && (folded.starts_with("com") || folded.starts_with("lpt")) &&
+         folded[3] >= '0' && folded[3] <= '9';
+}
+
+bool IsReserved(std::string_view folded) {
+  constexpr std::array<std::string_view, 6> kReserved = {".lock", "con", "prn",
+                                                         "aux",   "nul", "desktop.ini"};
+  return std::find(kReserved.begin(), kReserved.end(), folded) != kReserved.end() ||
+         IsPort(folded) || folded.starts_with("~$") ||
+         folded.find("_vti_") != std::string_view::npos;
+}
+
+}  // namespace
+
 bool IsValidName(std::string_view name) {
   constexpr std::string_view kForbidden = "/\\:*?\"<>|";
-  constexpr std::size_t kMaxCharacters = 255;
+  constexpr std::size_t kLongestName = 255;
   if (name.empty() || name.back() == '.' || name.back() == ' ' || name.front() == ' ') return false;
   const auto bad = [&](char c) {
     return static_cast<unsigned char>(c) < 0x20 || kForbidden.find(c) != std::string_view::npos;
   };
-  if (std::any_of(name.begin(), name.end(), bad)) return false;
-  const auto starts = std::count_if(name.begin(), name.end(), [](char c) {
-    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80U;
-  });
-  return static_cast<std::size_t>(starts) <= kMaxCharacters;
+  return std::none_of(name.begin(), name.end(), bad) && base::ValidUtf8(name) == name &&
+         Utf16Length(name) <= kLongestName && !IsReserved(FoldName(name));
+}
+
+std::size_t Utf16Length(std::string_view text) {
+  std::size_t length = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    const base::CodePoint point = base::DecodeUtf8(text, at);
+    length += point.value > 0xFFFF ? 2 : 1;
+    at += point.length;
+  }
+  return length;
 }
 
 std::string NumberedName(const std::string& name, int number) {

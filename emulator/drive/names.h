@@ -2,6 +2,7 @@
 // Threads: all functions are pure. Lifetime: results own their text.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -10,9 +11,15 @@ namespace emulator {
 /// Two names are the same item's when their folded forms are equal (the service ignores case).
 std::string FoldName(std::string_view name);
 
-/// Public documentation, "Restrictions and limitations": none of / \ : * ? " < > |, no control
-/// characters, not empty, no space or dot at the end, at most 255 characters.
+/// Public documentation, "Restrictions and limitations": UTF-8 with none of / \ : * ? " < > | and
+/// no control characters, at most 255 UTF-16 units, no space at either end and no dot at the end,
+/// not
+/// "_vti_" anywhere, not "~$" at the start, and none of the reserved names, whatever the case.
 bool IsValidName(std::string_view name);
+
+/// UTF-16 units of the longest path, with the slashes between the names.
+inline constexpr std::size_t kLongestPath = 400;
+std::size_t Utf16Length(std::string_view text);
 
 /// "report.txt", 2 -> "report 2.txt"
 std::string NumberedName(const std::string& name, int number);

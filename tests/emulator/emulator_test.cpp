@@ -370,6 +370,53 @@ TEST_F(EmulatorTest, ChangesKeepTheRules) {
   EXPECT_TRUE(rewritten["eTag"].asString().ends_with(",2\""));
 }
 
+TEST_F(EmulatorTest, RefusesTheNamesThatTheServiceRefuses) {
+  const std::string long_name(255, 'n');
+  const std::string emoji = "%F0%9F%98%80";  // two UTF-16 units
+  std::string emojis;
+  for (int i = 0; i < 127; ++i) emojis += emoji;
+  const struct {
+    std::string name;
+    long status;
+  } cases[] = {
+      {"CON", 400},         {"con.txt", 201},     {"prn", 400},          {"AUX", 400},
+      {"Nul", 400},         {"com0", 400},        {"COM10", 201},        {"LPT9", 400},
+      {".lock", 400},       {"a.lock", 201},      {"~$draft.docx", 400}, {"a~$", 201},
+      {"Desktop.ini", 400}, {"a_VTI_b", 400},     {"%20a", 400},         {"a%20", 400},
+      {"a.", 400},          {"a%22", 400},        {"a*", 400},           {"a%3C", 400},
+      {"a%3E", 400},        {"a%3Fb", 400},       {"a%5Cb", 400},        {"a%7C", 400},
+      {"a%07", 400},        {"a%FF", 400},        {long_name, 201},      {long_name + "n", 400},
+      {emojis + "x", 201},  {emojis + "xy", 400},
+  };
+  for (const auto& [name, status] : cases) {
+    EXPECT_EQ(client.Send("PUT", "/drive/root/children/" + name + "/content", "x").status, status)
+        << name;
+  }
+  EXPECT_EQ(client.Send("POST", "/drive/root/children", R"({"name":"CON","folder":{}})").Error(),
+            "invalidRequest");
+  EXPECT_EQ(client.Send("PATCH", "/drive/root:/a.lock", R"({"name":".lock"})").status, 400);
+}
+
+TEST_F(EmulatorTest, PathsHaveFourHundredCharactersAtMost) {
+  const std::string folder(200, 'f');
+  service.UserDrive().MakeFolder("/" + folder);
+  service.UserDrive().MakeFolder("/other/" + std::string(190, 'o'));
+  const auto put = [&](std::size_t length) {
+    return client.Send(
+        "PUT", "/drive/root:/" + folder + "/" + std::string(length, 'n') + ":/content", "x");
+  };
+  EXPECT_EQ(put(199).status, 201);
+  const Reply refused = put(200);
+  EXPECT_EQ(refused.status, 400);
+  EXPECT_EQ(refused.json["error"]["innererror"]["code"], "pathIsTooLong");
+  // What is below a folder counts when the folder is renamed.
+  const auto rename = [&](const std::string& name) {
+    return client.Send("PATCH", "/drive/root:/other", R"({"name":")" + name + "\"}").status;
+  };
+  EXPECT_EQ(rename(std::string(210, 'r')), 400);
+  EXPECT_EQ(rename(std::string(209, 'r')), 200);
+}
+
 TEST_F(EmulatorTest, FaultsHappenAsScripted) {
   service.UserDrive().WriteFile("/f.txt", std::string(100000, 'f'));
   const std::string link = client.Get("/drive/root:/f.txt:/content").Header("Location");
