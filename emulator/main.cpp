@@ -23,9 +23,11 @@ constexpr int kExitCannotServe = 1;
 constexpr int kExitUsage = 2;
 
 constexpr const char* kFooter =
-    "The service listens on loopback only, and makes a certificate authority of its own for each\n"
-    "run; its key is never stored. Without --data everything is forgotten at the end. With --data\n"
-    "an existing drive is used as it is; a new one is filled with demo files, unless --no-seed.\n"
+    "The service listens on loopback only, and makes a certificate authority of its own, the key\n"
+    "of which is never stored. Without --data everything is forgotten at the end. With --data an\n"
+    "existing drive is used as it is; a new one is filled with demo files, unless --no-seed. The\n"
+    "folder also keeps the refresh tokens and the certificates, readable to you alone: clients of\n"
+    "the last run can go on, if --port is the same.\n"
     "\n"
     "Exit codes: 0 stopped by SIGINT or SIGTERM; 1 cannot serve (port taken, folder or file not\n"
     "writable, damaged drive); 2 wrong usage.";
@@ -48,8 +50,10 @@ void Declare(CLI::App& app, Arguments& arguments) {
   app.add_option("--port", arguments.service.port, "Port of the service; 0: any free one")
       ->capture_default_str();
   app.add_flag("--http", arguments.plain_http, "Plain HTTP instead of TLS");
-  app.add_option("--data", arguments.service.data_directory,
-                 "Folder where the drives are kept; without it they live in memory");
+  app.add_option(
+      "--data", arguments.service.data_directory,
+      "Folder that keeps drives, refresh tokens and certificates; without it they live in "
+      "memory");
   app.add_flag("--seed,!--no-seed", arguments.service.seed,
                "Fill new drives with demo files (default)");
   app.add_option("--ca-file", arguments.ca_file,

@@ -14,6 +14,7 @@
 #include "emulator/drive/demo_drive.h"
 #include "emulator/http/server.h"
 #include "emulator/http/service_error.h"
+#include "emulator/store/folder_lock.h"
 
 namespace emulator {
 namespace {
@@ -79,6 +80,12 @@ std::filesystem::path Below(const std::filesystem::path& directory, const char* 
   return directory.empty() ? directory : directory / name;
 }
 
+std::optional<ServerIdentity> IdentityFor(const ServiceOptions& options) {
+  if (!options.tls) return std::nullopt;
+  if (options.data_directory.empty()) return MakeServerIdentity(options.host_name);
+  return KeepServerIdentity(options.data_directory / "certificates.pem", options.host_name);
+}
+
 }  // namespace
 
 class Service::Impl {
@@ -95,6 +102,7 @@ class Service::Impl {
   void SaveDrives();
 
   const ServiceOptions options;
+  const std::optional<FolderLock> folder_lock;
   const std::optional<ServerIdentity> identity;
   HttpServer service_server;
   HttpServer content_server;
@@ -114,7 +122,10 @@ class Service::Impl {
 
 Service::Impl::Impl(ServiceOptions the_options)
     : options(std::move(the_options)),
-      identity(options.tls ? std::optional(MakeServerIdentity(options.host_name)) : std::nullopt),
+      folder_lock(options.data_directory.empty()
+                      ? std::nullopt
+                      : std::make_optional<FolderLock>(options.data_directory)),
+      identity(IdentityFor(options)),
       service_server({.host_name = options.host_name, .port = options.port, .tls = identity}),
       content_server({.host_name = options.host_name, .port = 0, .tls = identity}),
       log(options.recorded_requests),
@@ -127,7 +138,8 @@ Service::Impl::Impl(ServiceOptions the_options)
            .access_token_lifetime = options.access_token_lifetime,
            .device_code_lifetime = options.device_code_lifetime,
            .device_poll_interval = options.device_poll_interval,
-           .revoke_used_refresh_tokens = options.revoke_used_refresh_tokens},
+           .revoke_used_refresh_tokens = options.revoke_used_refresh_tokens,
+           .refresh_token_file = Below(options.data_directory, "tokens.journal")},
           DemoUser()),
       links(content_server.Origin() + kDownloadPath, options.download_link_lifetime),
       json({.endpoint = service_server.Origin() + kEndpointPath,

@@ -9,17 +9,9 @@ namespace {
 
 constexpr const char* kDriveType = "business";
 
-Json::Value IdentityJson(const Identity& identity) {
-  Json::Value value;
-  value["id"] = identity.id;
-  value["displayName"] = identity.display_name;
-  value["email"] = identity.email;
-  return value;
-}
-
 Json::Value IdentitySet(const Identity& identity) {
   Json::Value value;
-  value["user"] = IdentityJson(identity);
+  value["user"] = ToJson(identity);
   return value;
 }
 

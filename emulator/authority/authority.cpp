@@ -47,7 +47,9 @@ std::string NewUserCode() {
 }  // namespace
 
 Authority::Authority(AuthorityOptions options, Identity user)
-    : options_(std::move(options)), user_(std::move(user)) {}
+    : options_(std::move(options)),
+      user_(std::move(user)),
+      refresh_tokens_(options_.refresh_token_file) {}
 
 Response Authority::Token(Request& request) {
   if (request.method != "POST") {
@@ -72,18 +74,18 @@ Response Authority::TokenByRefresh(const FormFields& form) {
   if (token == form.end()) return MissingParameter("refresh_token");
   if (auto refusal = CheckResource(form)) return *refusal;
   const std::lock_guard lock(mutex_);
-  const auto known = refresh_tokens_.find(token->second);
-  if (known == refresh_tokens_.end()) {
+  const RefreshToken* known = refresh_tokens_.Find(token->second);
+  if (known == nullptr) {
     return OAuthError("invalid_grant", 70000,
                       "Authentication failed. The refresh token is not valid.");
   }
-  if (known->second.revoked) {
+  if (known->revoked) {
     return OAuthError("invalid_grant", 50173,
                       "The provided grant has expired due to it being revoked. The user might "
                       "have changed or reset their password.");
   }
-  if (options_.revoke_used_refresh_tokens) known->second.revoked = true;
-  return Grant(known->second.user, FieldOr(form, "resource", ""));
+  if (options_.revoke_used_refresh_tokens) refresh_tokens_.Revoke(token->second);
+  return Grant(known->user, FieldOr(form, "resource", ""));
 }
 
 Response Authority::TokenByDevice(const FormFields& form) {
@@ -141,10 +143,9 @@ Response Authority::Grant(const Identity& user, const std::string& resource) {
   const Seconds now = Now();
   const Seconds expires = now + options_.access_token_lifetime;
   const std::string access_token = "eyJ0eXAi" + RandomToken(96);
-  const std::string refresh_token = "AQABAAAA" + RandomToken(96);
+  const std::string refresh_token = refresh_tokens_.Issue(user);
   std::erase_if(access_tokens_, [&](const auto& entry) { return entry.second.expires <= now; });
   access_tokens_[access_token] = {user, resource, expires};
-  refresh_tokens_[refresh_token] = {user, false};
 
   const auto as_text = [](auto number) { return std::to_string(number); };
   Json::Value document;
@@ -179,10 +180,8 @@ Identity Authority::Authenticate(const Request& request, std::string_view resour
 }
 
 std::string Authority::IssueRefreshToken(const Identity& user) {
-  std::string token = "AQABAAAA" + RandomToken(96);
   const std::lock_guard lock(mutex_);
-  refresh_tokens_[token] = {user, false};
-  return token;
+  return refresh_tokens_.Issue(user);
 }
 
 void Authority::ExpireAccessTokens() {
@@ -192,7 +191,7 @@ void Authority::ExpireAccessTokens() {
 
 void Authority::RevokeRefreshTokens() {
   const std::lock_guard lock(mutex_);
-  for (auto& [token, known] : refresh_tokens_) known.revoked = true;
+  refresh_tokens_.RevokeAll();
 }
 
 Response Authority::DeviceCode(Request& request) {

@@ -1,9 +1,11 @@
 // The OAuth 2.0 token endpoint, version 1.0 of the service's identity platform: refresh tokens, the
 // device-code flow, and the access tokens both give.
-// Threads: callable from any. Lifetime: all tokens die with the object.
+// Threads: callable from any. Lifetime: all tokens die with the object, but for refresh tokens that
+// a file keeps.
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -11,9 +13,11 @@
 #include <string_view>
 #include <vector>
 
-#include "emulator/drive/drive.h"
+#include "emulator/authority/refresh_tokens.h"
+#include "emulator/drive/identity.h"
 #include "emulator/http/message.h"
 #include "emulator/text/encoding.h"
+#include "emulator/text/time_text.h"
 
 namespace emulator {
 
@@ -25,6 +29,7 @@ struct AuthorityOptions {
   std::chrono::seconds device_code_lifetime{900};
   std::chrono::seconds device_poll_interval{5};
   bool revoke_used_refresh_tokens = false;
+  std::filesystem::path refresh_token_file;  // empty: they end with the run
 };
 
 class Authority {
@@ -49,10 +54,6 @@ class Authority {
   bool AnswerDevice(const std::string& user_code, bool approve);
 
  private:
-  struct RefreshToken {
-    Identity user;
-    bool revoked = false;
-  };
   struct AccessToken {
     Identity user;
     std::string resource;
@@ -76,7 +77,7 @@ class Authority {
   const AuthorityOptions options_;
   const Identity user_;  // who signs in on the device page
   mutable std::mutex mutex_;
-  std::map<std::string, RefreshToken, std::less<>> refresh_tokens_;
+  RefreshTokens refresh_tokens_;
   std::map<std::string, AccessToken, std::less<>> access_tokens_;
   std::map<std::string, Device, std::less<>> devices_;  // by device code
 };

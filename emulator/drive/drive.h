@@ -16,17 +16,12 @@
 
 #include <json/value.h>
 
+#include "emulator/drive/identity.h"
 #include "emulator/store/content.h"
 #include "emulator/store/journal.h"
 #include "emulator/text/time_text.h"
 
 namespace emulator {
-
-struct Identity {
-  std::string id;
-  std::string display_name;
-  std::string email;
-};
 
 enum class SharedRole { kRead, kWrite };
 

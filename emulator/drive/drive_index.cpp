@@ -19,18 +19,6 @@ constexpr const char* kIndexName = "index.journal";
 constexpr const char* kOldIndexName = "index.json";  // of version 1.0: one record, without checksum
 constexpr std::size_t kSmallTree = 1000;  // items; a smaller tree is not written anew more often
 
-Json::Value ToJson(const Identity& identity) {
-  Json::Value value;
-  value["id"] = identity.id;
-  value["displayName"] = identity.display_name;
-  value["email"] = identity.email;
-  return value;
-}
-
-Identity ToIdentity(const Json::Value& value) {
-  return {value["id"].asString(), value["displayName"].asString(), value["email"].asString()};
-}
-
 Seconds ToTime(const Json::Value& value) { return Seconds(std::chrono::seconds(value.asInt64())); }
 
 Json::Value ToJson(const Item& item) {

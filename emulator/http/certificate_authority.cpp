@@ -1,7 +1,10 @@
 #include "emulator/http/certificate_authority.h"
 
+#include <ctime>
 #include <memory>
+#include <optional>
 #include <stdexcept>
+#include <string_view>
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
@@ -9,6 +12,8 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
+
+#include "base/files.h"
 
 namespace emulator {
 namespace {
@@ -47,14 +52,22 @@ void SetRandomSerial(X509* certificate) {
   Require(ASN1_INTEGER_set_uint64(X509_get_serialNumber(certificate), serial >> 1U) == 1, "serial");
 }
 
-Certificate NewCertificate(EVP_PKEY* key, const std::string& common_name) {
-  constexpr long kDay = 24L * 60 * 60;
+constexpr long kDay = 24L * 60 * 60;
+constexpr long kLifeOfOneRun = 14 * kDay;
+constexpr long kLifeInFile = 365 * kDay;
+
+struct Wanted {
+  std::string host_name;
+  long seconds;  // that it is good for, from now on
+};
+
+Certificate NewCertificate(EVP_PKEY* key, const std::string& common_name, long seconds) {
   Certificate certificate(X509_new());
   Require(certificate != nullptr && X509_set_version(certificate.get(), X509_VERSION_3) == 1,
           "new");
   SetRandomSerial(certificate.get());
   Require(X509_gmtime_adj(X509_getm_notBefore(certificate.get()), -kDay) != nullptr &&
-              X509_gmtime_adj(X509_getm_notAfter(certificate.get()), 14 * kDay) != nullptr &&
+              X509_gmtime_adj(X509_getm_notAfter(certificate.get()), seconds) != nullptr &&
               X509_set_pubkey(certificate.get(), key) == 1,
           "validity");
   X509_NAME* name = X509_get_subject_name(certificate.get());
@@ -91,11 +104,10 @@ std::string ToPem(X509* certificate) {
   return ToPem([&](BIO* bio) { return PEM_write_bio_X509(bio, certificate); });
 }
 
-}  // namespace
-
-ServerIdentity MakeServerIdentity(const std::string& host_name) {
+ServerIdentity Make(const Wanted& wanted) {
   const Key authority_key = NewKey();
-  const Certificate authority = NewCertificate(authority_key.get(), "Emulator of one run");
+  const Certificate authority =
+      NewCertificate(authority_key.get(), "OneDrive emulator", wanted.seconds);
   AddExtension(authority.get(), authority.get(), NID_basic_constraints,
                "critical,CA:TRUE,pathlen:0");
   AddExtension(authority.get(), authority.get(), NID_key_usage, "critical,keyCertSign");
@@ -103,9 +115,9 @@ ServerIdentity MakeServerIdentity(const std::string& host_name) {
   Sign(authority.get(), authority.get(), authority_key.get());
 
   const Key key = NewKey();
-  const Certificate server = NewCertificate(key.get(), host_name);
+  const Certificate server = NewCertificate(key.get(), wanted.host_name, wanted.seconds);
   std::string names = "DNS:localhost,IP:127.0.0.1,IP:::1";
-  if (host_name != "localhost") names += ",DNS:" + host_name;
+  if (wanted.host_name != "localhost") names += ",DNS:" + wanted.host_name;
   AddExtension(server.get(), authority.get(), NID_basic_constraints, "critical,CA:FALSE");
   AddExtension(server.get(), authority.get(), NID_key_usage, "critical,digitalSignature");
   AddExtension(server.get(), authority.get(), NID_ext_key_usage, "serverAuth");
@@ -116,6 +128,63 @@ ServerIdentity MakeServerIdentity(const std::string& host_name) {
   return {ToPem(authority.get()), ToPem(server.get()), ToPem([&](BIO* bio) {
             return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
           })};
+}
+
+/// In the order in which KeepServerIdentity writes them.
+std::optional<ServerIdentity> ReadIdentity(const std::string& text) {
+  constexpr std::string_view kBegin = "-----BEGIN ";
+  const auto second = text.find(kBegin, kBegin.size());
+  const auto third = second == std::string::npos ? second : text.find(kBegin, second + 1);
+  if (third == std::string::npos) return std::nullopt;
+  return ServerIdentity{text.substr(0, second), text.substr(second, third - second),
+                        text.substr(third)};
+}
+
+Bio ReaderOf(const std::string& text) {
+  return Bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+}
+
+Certificate ReadCertificate(const std::string& pem) {
+  return Certificate(PEM_read_bio_X509(ReaderOf(pem).get(), nullptr, nullptr, nullptr));
+}
+
+/// Whether all three can be read and belong together.
+bool IsWhole(const ServerIdentity& identity) {
+  const Certificate authority = ReadCertificate(identity.authority_pem);
+  const Certificate server = ReadCertificate(identity.certificate_pem);
+  const Key key(
+      PEM_read_bio_PrivateKey(ReaderOf(identity.key_pem).get(), nullptr, nullptr, nullptr));
+  return authority && server && key && X509_check_private_key(server.get(), key.get()) == 1 &&
+         X509_verify(server.get(), X509_get0_pubkey(authority.get())) == 1;
+}
+
+bool IsGoodFor(const ServerIdentity& identity, const Wanted& wanted) {
+  const Certificate server = ReadCertificate(identity.certificate_pem);
+  std::time_t end = std::time(nullptr) + wanted.seconds;
+  return X509_cmp_time(X509_get0_notAfter(server.get()), &end) > 0 &&
+         X509_check_host(server.get(), wanted.host_name.data(), wanted.host_name.size(), 0,
+                         nullptr) == 1;
+}
+
+}  // namespace
+
+ServerIdentity MakeServerIdentity(const std::string& host_name) {
+  return Make({host_name, kLifeOfOneRun});
+}
+
+ServerIdentity KeepServerIdentity(const std::filesystem::path& file, const std::string& host_name) {
+  constexpr std::size_t kLimit = std::size_t{64} * 1024;
+  if (const auto text = base::ReadFileIfAny(file, kLimit)) {
+    const auto kept = ReadIdentity(*text);
+    if (!kept || !IsWhole(*kept)) {
+      throw std::runtime_error("the certificates in " + file.string() +
+                               " are damaged; without the file new ones are made");
+    }
+    if (IsGoodFor(*kept, {host_name, kLifeOfOneRun})) return *kept;
+  }
+  ServerIdentity made = Make({host_name, kLifeInFile});
+  base::ReplaceFile(file, made.authority_pem + made.certificate_pem + made.key_pem, 0600);
+  return made;
 }
 
 }  // namespace emulator

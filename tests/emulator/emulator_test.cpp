@@ -6,8 +6,10 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <curl/curl.h>
@@ -502,6 +504,49 @@ TEST(EmulatorLifeTest, KeepsTheDriveInItsDirectory) {
   const std::filesystem::directory_iterator contents(directory / "demo" / "content");
   EXPECT_EQ(std::distance(begin(contents), end(contents)), 1)
       << "what was replaced or lost is gone";
+  std::filesystem::remove_all(directory);
+}
+
+TEST(EmulatorLifeTest, IsTrustedAndTrustsAfterARestart) {
+  const std::filesystem::path directory = testing::TempDir() + "emulator_restart";
+  std::filesystem::remove_all(directory);
+  const ServiceOptions options{
+      .seed = false, .data_directory = directory, .revoke_used_refresh_tokens = true};
+  std::string authority;
+  std::string unused;
+  std::string used;
+  std::string granted;
+  {
+    Service service(options);
+    EXPECT_THROW(Service second(options), std::runtime_error) << "two would mix up the index";
+    Client client(service);
+    authority = service.CertificateAuthorityPem();
+    unused = service.IssueRefreshToken();
+    used = service.IssueRefreshToken();
+    granted =
+        client.Form(service.TokenUrl(), client.TokenForm(used)).json["refresh_token"].asString();
+  }
+  for (const auto& file : std::filesystem::directory_iterator(directory)) {
+    if (!file.is_regular_file()) continue;
+    EXPECT_EQ(file.status().permissions() & std::filesystem::perms(0077),
+              std::filesystem::perms::none)
+        << file;
+  }
+  {
+    Service service(options);
+    EXPECT_EQ(service.CertificateAuthorityPem(), authority);
+    Client client(service);  // which checks the certificate by the authority
+    EXPECT_EQ(client.Get("/drive").status, 200);
+    for (const auto& [token, status] : {std::pair(unused, 200L), {granted, 200L}, {used, 400L}}) {
+      EXPECT_EQ(client.Form(service.TokenUrl(), client.TokenForm(token)).status, status);
+    }
+    service.RevokeRefreshTokens();
+  }
+  {
+    Service service(options);
+    Client client(service);
+    EXPECT_EQ(client.Form(service.TokenUrl(), client.TokenForm(unused)).status, 400);
+  }
   std::filesystem::remove_all(directory);
 }
 
