@@ -37,10 +37,15 @@ struct RawOptions {
   bool proxy_no_tunnel = false;
   std::string authority;
   std::string rate_limit;
+  std::string cache_size;
 };
 
 std::string CheckRate(std::string& text) {
   return host::ParseSize(text) ? "" : "must be bytes per second, such as 500k or 2M";
+}
+
+std::string CheckSize(std::string& text) {
+  return host::ParseSize(text) ? "" : "must be a number of bytes, such as 500M or 2G";
 }
 
 std::string CheckProfile(std::string& name) {
@@ -177,6 +182,45 @@ void AddChangeCommands(CLI::App& app, Options& options) {
   rm->add_flag("-r,--recursive", options.recursive, "Delete a folder and everything in it");
 }
 
+void AddMountCommands(CLI::App& app, Options& options, RawOptions& raw) {
+  MountSettings& settings = options.mount;
+  const auto add = [&](Command command, const char* name, const char* help) {
+    CLI::App* sub = AddCommand(app, options, command, name, help);
+    sub->add_option("mountpoint", options.local, "Folder of the mounted drive")->required();
+    return sub;
+  };
+  CLI::App* mount = add(Command::kMount, "mount", "Make the drive a folder");
+  mount->add_flag("--foreground", settings.foreground, "Do not go into the background");
+  mount->add_flag("--read-only", settings.read_only, "Allow no changes");
+  mount
+      ->add_option("--state", settings.state,
+                   "Where local copies and unsent changes are kept (default: beside the profile)")
+      ->type_name("DIR");
+  mount
+      ->add_option("--cache-size", raw.cache_size,
+                   "Most bytes of unchanged local copies, such as 2G (default: 10G)")
+      ->type_name("SIZE")
+      ->check(CLI::Validator(CheckSize, ""));
+  mount
+      ->add_option("--refresh", settings.refresh,
+                   "Seconds after which changes of others are seen (default: 30)")
+      ->check(CLI::Range(1, 86400));
+  mount
+      ->add_option("--upload-delay", settings.upload_delay,
+                   "Seconds that a file rests before it is sent (default: 5)")
+      ->check(CLI::Range(0, 86400));
+  mount->add_flag("--allow-other", settings.allow_other, "Let other users look inside");
+  const auto timeout = [&](CLI::App* sub) {
+    sub->add_option("--timeout", settings.timeout, "Seconds to wait at most (default: no limit)");
+  };
+  CLI::App* unmount = add(Command::kUnmount, "unmount", "Send what is left and unmount the drive");
+  unmount->add_flag("--now", settings.now, "Leave what is not sent yet to the next mount");
+  timeout(unmount);
+  CLI::App* status = add(Command::kStatus, "status", "Show what is being sent and what is left");
+  status->add_flag("--json", options.json, "Write JSON");
+  timeout(add(Command::kSync, "sync", "Wait until the service has every change"));
+}
+
 void AddAccountCommands(CLI::App& app, Options& options) {
   AddCommand(app, options, Command::kLogin, "login",
              "Sign in with a browser, on this or another device");
@@ -195,6 +239,7 @@ host::ProxyRule ChooseProxy(const Options& options, const RawOptions& raw) {
 void Finish(Options& options, const RawOptions& raw) {
   options.proxy = ChooseProxy(options, raw);
   if (!raw.authority.empty()) host::SetAuthority(options.service, raw.authority);
+  if (!raw.cache_size.empty()) options.mount.cache_limit = *host::ParseSize(raw.cache_size);
   if (!raw.rate_limit.empty()) options.rate_limit = *host::ParseSize(raw.rate_limit);
 }
 
@@ -212,6 +257,7 @@ std::variant<Options, int> ParseCommandLine(int argc, char** argv) {
   AddBrowseCommands(app, options);
   AddTransferCommands(app, options, raw);
   AddChangeCommands(app, options);
+  AddMountCommands(app, options, raw);
   AddAccountCommands(app, options);
   try {
     app.parse(argc, argv);

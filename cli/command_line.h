@@ -25,8 +25,25 @@ enum class Command {
   kMkdir,
   kMv,
   kRm,
+  kMount,
+  kUnmount,
+  kStatus,
+  kSync,
   kLogin,
   kLogout
+};
+
+/// What the commands of a mounted drive are given. `local` is the mount point.
+struct MountSettings {
+  bool foreground = false;
+  bool read_only = false;
+  bool allow_other = false;
+  std::string state;                                  ///< empty: in the profile's folder
+  std::int64_t cache_limit = std::int64_t{10} << 30;  ///< bytes
+  unsigned refresh = 30;                              ///< seconds
+  unsigned upload_delay = 5;                          ///< seconds
+  std::optional<unsigned> timeout;                    ///< seconds; sync, unmount
+  bool now = false;                                   ///< unmount: wait for nothing
 };
 
 struct Options {
@@ -46,6 +63,8 @@ struct Options {
   std::int64_t rate_limit = 0;         ///< bytes per second, 0 for none
   std::int64_t offset = 0;             ///< cat: first byte to show
   std::optional<std::int64_t> length;  ///< cat: most bytes to show
+
+  MountSettings mount;
 
   std::optional<std::string> profile;
   host::ServiceSettings service;

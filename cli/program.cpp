@@ -13,6 +13,7 @@
 #include "cli/command_line.h"
 #include "cli/emulated_service.h"
 #include "cli/interrupts.h"
+#include "cli/mount_commands.h"
 #include "cli/output.h"
 #include "cli/remote_drive.h"
 #include "cli/report.h"
@@ -60,7 +61,7 @@ std::string ReadToken(const std::string& file) {
 /// One run of one command, its parts in the order in which they depend on each other.
 class Program {
  public:
-  explicit Program(Options options);
+  Program(Options options, mounted::Background background);
 
   void Run(Interrupts& interrupts);
 
@@ -69,8 +70,10 @@ class Program {
   void LogIn(const host::HttpClient& http, Interrupts& interrupts);
   static void SignIn(host::Session& session);
   void RunCommand(const TransferContext& context) const;
+  void Mount(host::Session& session, Interrupts& interrupts);
 
   Options options_;
+  mounted::Background background_;
   host::Redactor redactor_;
   TerminalLog sink_;
   host::Log log_;
@@ -79,8 +82,9 @@ class Program {
   std::unique_ptr<EmulatedService> emulated_;
 };
 
-Program::Program(Options options)
+Program::Program(Options options, mounted::Background background)
     : options_(std::move(options)),
+      background_(std::move(background)),
       sink_(options_.log),
       log_(sink_, redactor_),
       store_(options_.emulator || (!options_.service_file.empty() && !options_.profile)
@@ -131,7 +135,9 @@ void Program::Run(Interrupts& interrupts) {
   const std::int64_t rate = (options_.rate_limit + options_.parallel - 1) / options_.parallel;
   host::Session session(
       {module, {options_.service, http, profile_, log_, redactor_, interrupts.cancellation()}},
-      {options_.service, options_.proxy, !options_.hide_shared, rate});
+      {options_.service, options_.proxy, !options_.hide_shared, rate,
+       options_.command == Command::kMount});
+  if (options_.command == Command::kMount) return Mount(session, interrupts);
   SignIn(session);
   const host::ItemClient items(session);
   const RemoteDrive drive(items);
@@ -143,6 +149,19 @@ void Program::Run(Interrupts& interrupts) {
     throw;
   }
   out.Flush();
+}
+
+/// Without network, what the state folder knows can be used all the same.
+void Program::Mount(host::Session& session, Interrupts& interrupts) {
+  bool online = true;
+  try {
+    SignIn(session);
+  } catch (const host::Failure&) {
+    if (!IsDriveKnown(options_)) throw;
+    online = false;
+  }
+  const host::ItemClient items(session);
+  MountDrive({options_, items, online, interrupts, background_});
 }
 
 void Program::LogIn(const host::HttpClient& http, Interrupts& interrupts) {
@@ -203,8 +222,12 @@ void Program::RunCommand(const TransferContext& context) const {
     case Command::kLogin:
       context.out.Write("Signed in as ");
       return WhoAmI(browse);
+    case Command::kMount:
+    case Command::kUnmount:
+    case Command::kStatus:
+    case Command::kSync:
     case Command::kLogout:
-      return;  // needs no session
+      return;  // handled before
   }
 }
 
@@ -213,9 +236,17 @@ int Run(int argc, char** argv) {
   if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) return static_cast<int>(ExitCode::kFailed);
   std::variant<Options, int> parsed = ParseCommandLine(argc, argv);
   if (const int* code = std::get_if<int>(&parsed)) return *code;
+  Options& options = std::get<Options>(parsed);
+  mounted::Background background;
+  if (options.command == Command::kMount) {
+    options.local = mounted::CheckMountPoint(options.local);
+    // Threads do not survive a fork: it comes before the first one.
+    if (!options.mount.foreground) background = mounted::Background::Start();
+  }
   const CurlLibrary curl;
   Interrupts interrupts;
-  Program program(std::move(std::get<Options>(parsed)));
+  if (RunMountCommand(options)) return static_cast<int>(ExitCode::kOk);
+  Program program(std::move(options), std::move(background));
   program.Run(interrupts);
   return static_cast<int>(ExitCode::kOk);
 }

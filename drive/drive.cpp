@@ -63,6 +63,7 @@ Drive::~Drive() {
 }
 
 void Drive::Impl::CheckAccount() {
+  if (core.options.account.empty()) return;  // not known without the service
   const std::string known = core.catalog.Value("account");
   if (known.empty()) return core.catalog.SetValue("account", core.options.account);
   if (known != core.options.account) {

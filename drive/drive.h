@@ -32,7 +32,8 @@ namespace drive {
 
 struct DriveOptions {
   std::filesystem::path state;  ///< the state folder; made with mode 0700 when it is missing
-  std::string account;          ///< whose drive it is: a state folder belongs to one account
+  /// Whose drive it is: a state folder belongs to one account. Empty: not known now.
+  std::string account;
   std::string host;             ///< this machine's name, for the names of conflict copies
   bool read_only = false;
   std::int64_t cache_limit = std::int64_t{10} << 30;  ///< bytes of unchanged local copies

@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "base/files.h"
 #include "host/failure.h"
 
 namespace mounted {
@@ -66,7 +67,7 @@ void Background::Ready(const std::filesystem::path& log) {
   ::dup2(file ? file.get() : nothing.get(), STDERR_FILENO);
   // The folder that the command was started in can be unmounted.
   if (::chdir("/") != 0) return;
-  static_cast<void>(::write(pipe_.get(), "R", 1));
+  base::WriteAll(pipe_.get(), "R");  // whoever started it may have gone
   pipe_.Close();
 }
 
