@@ -4,8 +4,8 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include <fcntl.h>
@@ -25,7 +25,8 @@ constexpr std::int64_t kFolders = 256;
 [[noreturn]] void ThrowLocalError(const char* action, int error_number) {
   const bool full = error_number == ENOSPC || error_number == EDQUOT || error_number == EFBIG;
   throw Error(full ? Reason::kNoSpace : Reason::kBroken,
-              std::string("cannot ") + action + " a local copy: " + std::strerror(error_number));
+              std::string("cannot ") + action +
+                  " a local copy: " + std::generic_category().message(error_number));
 }
 
 CopyStore::CopyStore(std::filesystem::path folder) : folder_(std::move(folder)) {

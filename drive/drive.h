@@ -34,7 +34,7 @@ struct DriveOptions {
   std::filesystem::path state;  ///< the state folder; made with mode 0700 when it is missing
   /// Whose drive it is: a state folder belongs to one account. Empty: not known now.
   std::string account;
-  std::string host;             ///< this machine's name, for the names of conflict copies
+  std::string host;  ///< this machine's name, for the names of conflict copies
   bool read_only = false;
   std::int64_t cache_limit = std::int64_t{10} << 30;  ///< bytes of unchanged local copies
   std::chrono::seconds refresh{30};                   ///< how old a listing in use may be

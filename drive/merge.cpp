@@ -35,30 +35,11 @@ std::vector<Item> Merge::Missing(Core& core, const Listing& listing) {
 void Merge::Apply(const Listing& listing) {
   std::optional<Item> folder = core_.catalog.Find(listing.folder);
   if (!folder || folder->IsRemoved()) return;
-  std::set<std::string_view> ids;
-  for (const RemoteItem& remote : listing.items) ids.insert(remote.id);
-  const auto outdated = [&](const std::string& id) {
-    return core_.answers.ToldSince(id, listing.question);
-  };
-
-  for (Item& item : core_.catalog.BaseEntries(listing.folder)) {
-    if (!item.IsSent() || ids.contains(item.id)) continue;
-    if (IsBusy(core_, item) || outdated(item.id)) continue;
-    const auto asked = listing.asked.find(item.number);
-    if (asked == listing.asked.end()) {
-      if (!MeansSomething(core_, item)) Gone(std::move(item));
-    } else if (asked->second) {
-      Update(item, *asked->second);
-      Put(item);
-    } else {
-      Gone(std::move(item));
-    }
-  }
-
+  TakeAbsent(listing);
   std::vector<std::pair<Item, RemoteItem>> known;
   std::vector<const RemoteItem*> unknown;
   for (const RemoteItem& remote : listing.items) {
-    if (outdated(remote.id) || !CanBeShown(remote.name)) continue;
+    if (IsOutdated(listing, remote.id) || !CanBeShown(remote.name)) continue;
     std::optional<Item> item = core_.catalog.FindId(remote.id);
     if (!item) {
       unknown.push_back(&remote);
@@ -73,6 +54,29 @@ void Merge::Apply(const Listing& listing) {
   if (!folder) return;
   folder->listed = core_.clock.Now();
   Put(*folder);
+}
+
+bool Merge::IsOutdated(const Listing& listing, const std::string& id) const {
+  return core_.answers.ToldSince(id, listing.question);
+}
+
+/// The items that the listing leaves out.
+void Merge::TakeAbsent(const Listing& listing) {
+  std::set<std::string_view> ids;
+  for (const RemoteItem& remote : listing.items) ids.insert(remote.id);
+  for (Item& item : core_.catalog.BaseEntries(listing.folder)) {
+    if (!item.IsSent() || ids.contains(item.id)) continue;
+    if (IsBusy(core_, item) || IsOutdated(listing, item.id)) continue;
+    const auto asked = listing.asked.find(item.number);
+    if (asked == listing.asked.end()) {
+      if (!MeansSomething(core_, item)) Gone(std::move(item));
+    } else if (asked->second) {
+      Update(item, *asked->second);
+      Put(item);
+    } else {
+      Gone(std::move(item));
+    }
+  }
 }
 
 /// Entries that the listing has and that are known: their names may have been exchanged, so all

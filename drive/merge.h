@@ -54,6 +54,8 @@ class Merge {
   void Split(Item item, const RemoteItem& remote);
 
  private:
+  bool IsOutdated(const Listing& listing, const std::string& id) const;
+  void TakeAbsent(const Listing& listing);
   void Follow(const Item& folder, const std::vector<std::pair<Item, RemoteItem>>& known);
   void PlaceAt(Item& item, const Place& place);
   void MakeNew(Item& item);

@@ -1,5 +1,8 @@
 #include "drive/plan.h"
 
+#include <algorithm>
+#include <vector>
+
 namespace drive {
 namespace {
 
@@ -46,11 +49,11 @@ Readiness Plan::OfRemoved(const Item& item) {
 
 /// Whether nothing that the service has in the removed folder is still needed.
 bool Plan::IsFree(const Item& folder) {
-  for (const Item& child : core_.catalog.BaseEntries(folder.number)) {
-    if (!child.IsRemoved() || !child.IsSent() || core_.busy.contains(child.number)) return false;
-    if (child.IsFolder() && !IsFree(child)) return false;
-  }
-  return true;
+  const std::vector<Item> inside = core_.catalog.BaseEntries(folder.number);
+  return std::all_of(inside.begin(), inside.end(), [&](const Item& child) {
+    const bool waits = !child.IsRemoved() || !child.IsSent() || core_.busy.contains(child.number);
+    return !waits && (!child.IsFolder() || IsFree(child));
+  });
 }
 
 bool Plan::CanHold(ItemNumber folder) const {

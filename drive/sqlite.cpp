@@ -22,7 +22,7 @@ Database::Database(const std::filesystem::path& file) {
   if (result != SQLITE_OK) Fail(handle);
 }
 
-void Database::Execute(const char* sql) {
+void Database::Execute(const char* sql) const {
   if (sqlite3_exec(handle(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) Fail(handle());
 }
 

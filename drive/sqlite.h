@@ -19,7 +19,7 @@ class Database {
   explicit Database(const std::filesystem::path& file);
 
   /// Statements without results.
-  void Execute(const char* sql);
+  void Execute(const char* sql) const;
   sqlite3* handle() const noexcept { return handle_.get(); }
 
  private:

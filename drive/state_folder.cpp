@@ -1,8 +1,8 @@
 #include "drive/state_folder.h"
 
 #include <cerrno>
-#include <cstring>
 #include <string>
+#include <system_error>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -35,7 +35,8 @@ StateFolder::StateFolder(const std::filesystem::path& folder) {
   std::error_code error;
   if (folder.has_parent_path()) std::filesystem::create_directories(folder.parent_path(), error);
   if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
-    Fail(folder, (std::string("cannot be made: ") + std::strerror(errno)).c_str());
+    Fail(folder,
+         (std::string("cannot be made: ") + std::generic_category().message(errno)).c_str());
   }
   if (::chmod(folder.c_str(), 0700) != 0) Fail(folder, "is not this user's");
   if (IsOnNetwork(folder)) Fail(folder, "must not be on a network file system");
