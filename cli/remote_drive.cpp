@@ -72,7 +72,7 @@ RemoteItem RemoteDrive::OwnDrive() const {
       return {JoinRemotePath(top.path, entry.name), top.item.id, entry};
     }
   }
-  throw host::Failure(host::FailureKind::kNotFound, "the account has no drive of its own");
+  throw host::Failure(host::FailureKind::kNotFound, "the account has no drive");
 }
 
 RemoteItem RemoteDrive::Top() const { return {"/", "", items_.Top()}; }
