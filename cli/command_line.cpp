@@ -11,11 +11,11 @@ namespace cli {
 namespace {
 
 constexpr const char* kFooter = R"(
-Remote paths begin at the drive's top, which holds "My Drive" and "Shared with me"
-(with --no-shared: the drive's own content). A name is matched as it is spelled, or else
-without regard to case, as the service does. A slash at the end of a path means a folder.
+Remote paths begin at the drive's top, which contains "My Drive" and "Shared with me"
+(with --no-shared: the drive's own content). A name is matched exactly or, if there is no
+exact match, without regard to case. A slash at the end of a path means a folder.
 
-General options may stand before or after the command, a command's own options after it.
+General options may precede or follow the command; a command's own options follow it.
 
 Exit codes:
   0    done
@@ -80,22 +80,22 @@ void AddConnectionOptions(CLI::App& app, Options& options, RawOptions& raw) {
       ->excludes(authority);
   add("--discovery-url", options.service.discovery_url, "URL", "Address of the discovery document");
   add("--discovery-resource", options.service.discovery_resource, "URL",
-      "Resource that discovery tokens are for");
+      "Resource of the tokens for discovery");
   CLI::Option* endpoint = add("--service-endpoint", options.service.service_endpoint, "URL",
-                              "Address of the drive's service: no discovery takes place");
+                              "Address of the drive's service; skips discovery");
   CLI::Option* resource = add("--service-resource", options.service.service_resource, "URL",
-                              "Resource that the drive's tokens are for");
+                              "Resource of the tokens for the drive");
   endpoint->needs(resource);
   resource->needs(endpoint);
   CLI::Option* proxy =
       add("--proxy", raw.proxy, "URL",
-          "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT], or none (default: what "
-          "https_proxy, all_proxy and no_proxy in the environment say)");
+          "socks4://, socks5:// or http://[USER:PW@]HOST[:PORT], or none (default: from "
+          "https_proxy, all_proxy and no_proxy in the environment)");
   flag("--proxy-no-tunnel", raw.proxy_no_tunnel,
        "Send requests to the http proxy itself instead of tunnelling through it")
       ->needs(proxy);
   flag("--no-shared", options.hide_shared, "Hide \"Shared with me\"");
-  add("--module", options.module, "FILE", "The protocol module (default: beside the program)");
+  add("--module", options.module, "FILE", "The protocol module (default: next to the program)");
 }
 
 void AddDiagnosticOptions(CLI::App& app, Options& options) {
@@ -127,7 +127,7 @@ void AddBrowseCommands(CLI::App& app, Options& options) {
     sub->add_flag("--bytes", options.bytes, "Sizes in bytes");
   };
   add(Command::kWhoAmI, "whoami", "Show who is signed in");
-  bytes(add(Command::kDf, "df", "Show the drive's space"));
+  bytes(add(Command::kDf, "df", "Show the used and free space of the drive"));
   CLI::App* ls = add(Command::kLs, "ls", "List a folder");
   ls->add_option("path", options.remote, "Remote path (default: /)");
   ls->add_flag("-l", options.long_format, "Show size and time of change (UTC)");
@@ -136,7 +136,7 @@ void AddBrowseCommands(CLI::App& app, Options& options) {
   CLI::App* tree = add(Command::kTree, "tree", "Show a folder as a tree");
   tree->add_option("path", options.remote, "Remote path (default: /)");
   tree->add_option("-L", options.depth, "Levels to show")->check(CLI::Range(1, 1000));
-  CLI::App* stat = add(Command::kStat, "stat", "Show everything known about an item");
+  CLI::App* stat = add(Command::kStat, "stat", "Show all details of an item");
   stat->add_option("path", options.remote, "Remote path")->required();
 }
 
