@@ -36,6 +36,7 @@ struct Arguments {
   emulator::ServiceOptions service;
   bool plain_http = false;
   long long token_lifetime = 3600;
+  long long latency_ms = 0;
   std::filesystem::path ca_file;
   std::filesystem::path ready_file;
   bool verbose = false;
@@ -67,6 +68,17 @@ void Declare(CLI::App& app, Arguments& arguments) {
       ->capture_default_str();
   app.add_option("--page-size", arguments.service.page_size, "Most entries on one page of a list")
       ->check(CLI::Range(1, 10000))
+      ->capture_default_str();
+  app.add_option("--latency", arguments.latency_ms, "Milliseconds that each answer is held back")
+      ->check(CLI::Range(0LL, 600000LL))
+      ->capture_default_str();
+  app.add_option("--bandwidth", arguments.service.bandwidth,
+                 "Bytes per second that each connection carries in each direction; 0: no limit")
+      ->capture_default_str();
+  app.add_option(
+         "--request-rate", arguments.service.request_rate,
+         "Requests per second, sign-in aside; more are answered 429 with Retry-After; 0: no "
+         "limit")
       ->capture_default_str();
   app.add_flag("--verbose", arguments.verbose,
                "A line on standard error for each request, without tokens");
@@ -165,6 +177,7 @@ int Run(int argc, char** argv) {
   }
   arguments.service.tls = !arguments.plain_http;
   arguments.service.access_token_lifetime = std::chrono::seconds(arguments.token_lifetime);
+  arguments.service.latency = std::chrono::milliseconds(arguments.latency_ms);
   arguments.service.recorded_requests = 0;
   if (arguments.verbose) arguments.service.observer = PrintRequest;
   Serve(arguments, signals);

@@ -1,6 +1,8 @@
 #include "emulator/service.h"
 
 #include <array>
+#include <atomic>
+#include <memory>
 #include <mutex>
 #include <utility>
 
@@ -14,6 +16,7 @@
 #include "emulator/drive/demo_drive.h"
 #include "emulator/http/server.h"
 #include "emulator/http/service_error.h"
+#include "emulator/http/throttle.h"
 #include "emulator/store/folder_lock.h"
 
 namespace emulator {
@@ -104,10 +107,14 @@ class Service::Impl {
   const ServiceOptions options;
   const std::optional<FolderLock> folder_lock;
   const std::optional<ServerIdentity> identity;
+  std::atomic<std::chrono::milliseconds> latency;
+  const std::shared_ptr<std::atomic<std::uint64_t>> bandwidth;
+  Throttle throttle;
   HttpServer service_server;
   HttpServer content_server;
   FaultPlan faults;
   RequestLog log;
+  RequestCounter counter;
   Drive user_drive;
   Drive other_drive;
   Authority authority;
@@ -126,9 +133,17 @@ Service::Impl::Impl(ServiceOptions the_options)
                       ? std::nullopt
                       : std::make_optional<FolderLock>(options.data_directory)),
       identity(IdentityFor(options)),
-      service_server({.host_name = options.host_name, .port = options.port, .tls = identity}),
-      content_server({.host_name = options.host_name, .port = 0, .tls = identity}),
+      latency(options.latency),
+      bandwidth(std::make_shared<std::atomic<std::uint64_t>>(options.bandwidth)),
+      throttle(options.request_rate),
+      service_server({.host_name = options.host_name,
+                      .port = options.port,
+                      .tls = identity,
+                      .bandwidth = bandwidth}),
+      content_server(
+          {.host_name = options.host_name, .port = 0, .tls = identity, .bandwidth = bandwidth}),
       log(options.recorded_requests),
+      counter(kEndpointPath),
       user_drive({.owner = DemoUser(), .directory = Below(options.data_directory, "demo")}),
       other_drive({.owner = OtherUser(), .directory = Below(options.data_directory, "robin")}),
       authority(
@@ -183,13 +198,16 @@ void Service::Impl::SaveDrives() {
 
 Response Service::Impl::Handle(Request& request, Response (Impl::*route)(Request&)) {
   const std::uint64_t number = log.Begin(request);
+  const bool counts = counter.Add(request) != &CountsByKind::sign_in;
   const auto fault = faults.Take(request);
   RecordingBody body(request.body);
   Request seen{request.method, request.target, request.headers, request.origin, body};
   Response response;
   try {
-    response = Act(seen, fault, route);
+    const auto wait = counts ? throttle.Admit() : std::nullopt;
+    response = wait ? ErrorResponse(TooManyRequests(*wait)) : Act(seen, fault, route);
     if (fault) Spoil(*fault, response);
+    response.delivery.delay += latency.load();
     if (fault && CutsRequest(*fault)) {
       body.Discard(fault->after_bytes);
     } else if (!body.AwaitsContinue()) {
@@ -294,7 +312,27 @@ void Service::AddFault(Fault fault) { impl_->faults.Add(std::move(fault)); }
 void Service::ClearFaults() { impl_->faults.Clear(); }
 std::vector<Fault> Service::UnfiredFaults() const { return impl_->faults.Unfired(); }
 std::vector<RecordedRequest> Service::Requests() const { return impl_->log.All(); }
-void Service::ClearRequests() { impl_->log.Clear(); }
+CountsByKind Service::RequestCounts() const { return impl_->counter.Get(); }
+
+void Service::ClearRequests() {
+  impl_->log.Clear();
+  impl_->counter.Clear();
+}
+
+void Service::SetLatency(std::chrono::milliseconds latency) { impl_->latency = latency; }
+void Service::SetBandwidth(std::uint64_t bytes_per_second) { *impl_->bandwidth = bytes_per_second; }
+void Service::SetRequestRate(std::size_t per_second) { impl_->throttle.SetRate(per_second); }
+
+void Service::Vanish() {
+  impl_->service_server.Vanish();
+  impl_->content_server.Vanish();
+}
+
+void Service::ComeBack() {
+  impl_->content_server.ComeBack();
+  impl_->service_server.ComeBack();
+}
+
 Drive& Service::UserDrive() { return impl_->user_drive; }
 Drive& Service::OtherDrive() { return impl_->other_drive; }
 

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "emulator/api/request_counts.h"
 #include "emulator/drive/drive.h"
 #include "emulator/http/faults.h"
 #include "emulator/http/request_log.h"
@@ -37,6 +38,9 @@ struct ServiceOptions {
   std::chrono::seconds upload_session_lifetime{86400};
   std::uint64_t simple_upload_limit = 250'000'000;  // bytes of one PUT to /content
   std::size_t recorded_requests = 100000;           // the oldest are forgotten
+  std::chrono::milliseconds latency{0};             // as SetLatency
+  std::uint64_t bandwidth = 0;                      // as SetBandwidth
+  std::size_t request_rate = 0;                     // as SetRequestRate
   /// Called for every request once its answer is known; from the connection's thread.
   std::function<void(const RecordedRequest&)> observer{};
 };
@@ -80,8 +84,24 @@ class Service {
   /// Those that did not fire as often as scripted: at a test's end there should be none.
   std::vector<Fault> UnfiredFaults() const;
 
+  /// Each answer is held back for so long.
+  void SetLatency(std::chrono::milliseconds latency);
+  /// Each connection carries no more in each direction; 0: no limit.
+  void SetBandwidth(std::uint64_t bytes_per_second);
+  /// More requests within a second are answered 429 with Retry-After; 0: no limit. Those to sign in
+  /// do not count.
+  void SetRequestRate(std::size_t per_second);
+  /// As if the network had gone: all connections are reset and new ones refused, until ComeBack,
+  /// which brings the service back at the same addresses. What was under way is done, but its
+  /// answer is lost. ComeBack throws std::runtime_error with a text for people.
+  void Vanish();
+  void ComeBack();
+
   /// In order of arrival.
   std::vector<RecordedRequest> Requests() const;
+  /// All that have arrived, also those that a fault or the request rate kept from the service.
+  CountsByKind RequestCounts() const;
+  /// Forgets both.
   void ClearRequests();
 
   Drive& UserDrive();

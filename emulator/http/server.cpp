@@ -4,11 +4,13 @@
 #include <utility>
 
 #include "emulator/http/connection.h"
+#include "emulator/http/paced_wire.h"
 
 namespace emulator {
 
 HttpServer::HttpServer(const HttpServerOptions& options)
-    : listener_(options.port, options.tls),
+    : bandwidth_(options.bandwidth),
+      listener_(options.port, options.tls),
       origin_((options.tls ? "https://" : "http://") + options.host_name + ":" +
               std::to_string(listener_.Port())) {}
 
@@ -31,10 +33,30 @@ void HttpServer::Stop() {
   connections_.clear();
 }
 
+void HttpServer::Vanish() {
+  {
+    const std::lock_guard lock(mutex_);
+    vanished_ = true;
+    for (const auto& connection : connections_) connection.wire->Break();
+  }
+  listener_.Pause();
+}
+
+void HttpServer::ComeBack() {
+  {
+    const std::lock_guard lock(mutex_);
+    vanished_ = false;
+  }
+  listener_.Resume();
+}
+
 void HttpServer::AcceptConnections() {
   while (auto wire = listener_.Accept()) {
     JoinFinished();
     const std::lock_guard lock(mutex_);
+    // Accepted just before the listener paused.
+    if (vanished_) wire->Break();
+    if (bandwidth_) wire = std::make_unique<PacedWire>(std::move(wire), *bandwidth_);
     auto& connection = connections_.emplace_back();
     connection.wire = std::move(wire);
     connection.thread = std::thread([this, &connection] {

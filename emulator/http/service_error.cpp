@@ -52,6 +52,11 @@ ServiceError QuotaLimitReached() {
   return {507, "quotaLimitReached", "The user has reached their quota limit."};
 }
 
+ServiceError TooManyRequests(std::chrono::seconds retry_after) {
+  return ServiceError(429, "activityLimitReached", "The app or user has been throttled.")
+      .WithHeader("Retry-After", std::to_string(retry_after.count()));
+}
+
 std::string ErrorText(const std::string& code, const std::string& message,
                       const std::string& inner_code) {
   Json::Value document;

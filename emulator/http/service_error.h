@@ -3,6 +3,7 @@
 // Threads: plain values. Lifetime: values own their text.
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 
@@ -41,6 +42,7 @@ ServiceError NameAlreadyExists();
 ServiceError ResourceModified();
 ServiceError ResourceLocked();
 ServiceError QuotaLimitReached();
+ServiceError TooManyRequests(std::chrono::seconds retry_after);
 
 std::string ErrorText(const std::string& code, const std::string& message,
                       const std::string& inner_code = {});

@@ -1,6 +1,7 @@
 #include "emulator/http/wire.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <stdexcept>
@@ -72,6 +73,7 @@ class SocketWire : public Wire {
   void Write(std::string_view bytes) override {
     // asio::write would pass on no more than 64 KiB at a time.
     while (!bytes.empty()) {
+      if (broken_) throw ConnectionLost("the network is gone");
       boost::system::error_code error;
       bytes.remove_prefix(stream_.write_some(asio::buffer(bytes.data(), bytes.size()), error));
       if (error) ThrowLost(error);
@@ -79,6 +81,10 @@ class SocketWire : public Wire {
   }
 
   void Close() override {
+    if (broken_) {
+      Reset();
+      return;
+    }
     SayGoodbye(stream_);
     const std::lock_guard lock(mutex_);
     if (!open_) return;
@@ -116,6 +122,17 @@ class SocketWire : public Wire {
     if (open_) ::shutdown(fd_, SHUT_RDWR);
   }
 
+  void Break() noexcept override {
+    const std::lock_guard lock(mutex_);
+    broken_ = true;
+    if (!open_) return;
+    // Ends a read without a sign to the peer. A write is stuck only where bytes could not be sent;
+    // it ends with the sending side, whose FIN stays behind these bytes until the reset drops both.
+    int unsent = 0;
+    const bool writing = ::ioctl(fd_, SIOCOUTQNSD, &unsent) == 0 && unsent > 0;
+    ::shutdown(fd_, writing ? SHUT_RDWR : SHUT_RD);
+  }
+
  private:
   void CloseSocket() {
     open_ = false;
@@ -128,6 +145,7 @@ class SocketWire : public Wire {
   // Keeps Abort from shutting down a descriptor that was closed and given to someone else.
   std::mutex mutex_;
   bool open_ = true;
+  std::atomic<bool> broken_ = false;
 };
 
 int OnlyHttp11(SSL*, const unsigned char** chosen, unsigned char* length,
@@ -201,8 +219,22 @@ struct Listener::Impl {
   base::UniqueFd v4;
   // Clients try "localhost" as ::1 first; without IPv6 they fall back by themselves.
   base::UniqueFd v6;
-  base::UniqueFd stop;
+  base::UniqueFd wake;  // ends a wait in Accept when `state` has changed
   std::uint16_t port = 0;
+
+  enum class State { kOpen, kPaused, kStopped };
+  std::mutex mutex;
+  State state = State::kOpen;  // guarded by mutex
+
+  State CurrentState() {
+    const std::lock_guard lock(mutex);
+    return state;
+  }
+
+  void Wake() const noexcept {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(wake.get(), &one, sizeof one);
+  }
 
   std::unique_ptr<Wire> Wrap(base::UniqueFd accepted, bool is_v6) {
     const int yes = 1;
@@ -216,8 +248,8 @@ struct Listener::Impl {
 
 Listener::Listener(std::uint16_t port, const std::optional<ServerIdentity>& tls)
     : impl_(std::make_unique<Impl>()) {
-  impl_->stop = base::UniqueFd(::eventfd(0, EFD_CLOEXEC));
-  if (!impl_->stop) throw std::runtime_error("eventfd: " + SystemMessage(errno));
+  impl_->wake = base::UniqueFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!impl_->wake) throw std::runtime_error("eventfd: " + SystemMessage(errno));
   impl_->v4 = ListenV4(port);
   impl_->port = PortOf(impl_->v4.get());
   impl_->v6 = ListenV6(impl_->port);
@@ -230,11 +262,19 @@ std::uint16_t Listener::Port() const { return impl_->port; }
 
 std::unique_ptr<Wire> Listener::Accept() {
   for (;;) {
-    std::array<pollfd, 3> sockets = {{{impl_->stop.get(), POLLIN, 0},
+    const Impl::State state = impl_->CurrentState();
+    if (state == Impl::State::kStopped) return nullptr;
+    std::array<pollfd, 3> sockets = {{{impl_->wake.get(), POLLIN, 0},
                                       {impl_->v4.get(), POLLIN, 0},
                                       {impl_->v6.get(), POLLIN, 0}}};
-    if (::poll(sockets.data(), sockets.size(), -1) < 0) continue;
-    if (sockets[0].revents != 0) return nullptr;
+    // A paused socket would be reported as hung up without end.
+    const nfds_t watched = state == Impl::State::kPaused ? 1 : sockets.size();
+    if (::poll(sockets.data(), watched, -1) < 0) continue;
+    if (sockets[0].revents != 0) {
+      std::uint64_t count = 0;
+      [[maybe_unused]] const auto taken = ::read(impl_->wake.get(), &count, sizeof count);
+      continue;
+    }
     const bool is_v6 = sockets[1].revents == 0;
     const int listening = is_v6 ? impl_->v6.get() : impl_->v4.get();
     base::UniqueFd accepted(::accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
@@ -245,8 +285,31 @@ std::unique_ptr<Wire> Listener::Accept() {
 }
 
 void Listener::Stop() noexcept {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(impl_->stop.get(), &one, sizeof one);
+  const std::lock_guard lock(impl_->mutex);
+  impl_->state = Impl::State::kStopped;
+  impl_->Wake();
+}
+
+void Listener::Pause() noexcept {
+  const std::lock_guard lock(impl_->mutex);
+  if (impl_->state != Impl::State::kOpen) return;
+  impl_->state = Impl::State::kPaused;
+  impl_->Wake();
+  // On Linux the socket stops listening, resets what waits to be accepted, and stays bound.
+  ::shutdown(impl_->v4.get(), SHUT_RD);
+  if (impl_->v6) ::shutdown(impl_->v6.get(), SHUT_RD);
+}
+
+void Listener::Resume() {
+  const std::lock_guard lock(impl_->mutex);
+  if (impl_->state != Impl::State::kPaused) return;
+  if (::listen(impl_->v4.get(), SOMAXCONN) != 0 ||
+      (impl_->v6 && ::listen(impl_->v6.get(), SOMAXCONN) != 0)) {
+    throw std::runtime_error("cannot listen on port " + std::to_string(impl_->port) +
+                             " again: " + SystemMessage(errno));
+  }
+  impl_->state = Impl::State::kOpen;
+  impl_->Wake();
 }
 
 }  // namespace emulator

@@ -1,7 +1,8 @@
 // Sockets: a listener on loopback, and one accepted connection, plain or TLS, with the means to
 // end it badly on purpose.
-// Threads: a Wire is used by the one thread that serves it, Listener::Accept by one thread; Abort
-// and Stop may come from any thread. Lifetime: a Listener outlives the wires it gave.
+// Threads: a Wire is used by the one thread that serves it, Listener::Accept by one thread; Abort,
+// Break, Pause, Resume and Stop may come from any thread. Lifetime: a Listener outlives the wires
+// it gave.
 #pragma once
 
 #include <chrono>
@@ -37,6 +38,8 @@ class Wire {
 
   /// Makes every call that blocks in the serving thread return or throw soon.
   virtual void Abort() noexcept = 0;
+  /// As Abort, and as if the network had gone: nothing more is sent but a reset.
+  virtual void Break() noexcept = 0;
 };
 
 class Listener {
@@ -53,6 +56,11 @@ class Listener {
   /// nullptr after Stop.
   std::unique_ptr<Wire> Accept();
   void Stop() noexcept;
+
+  /// Connections are refused until Resume; the port stays this listener's.
+  void Pause() noexcept;
+  /// Throws std::runtime_error with a text for people.
+  void Resume();
 
  private:
   struct Impl;

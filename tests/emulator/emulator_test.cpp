@@ -2,6 +2,7 @@
 // with: a rule it does not keep is a fault that no test would see.
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -470,6 +471,107 @@ TEST_F(EmulatorTest, FaultsAreCounted) {
   ASSERT_EQ(service.UnfiredFaults().size(), 1U);
   EXPECT_EQ(service.UnfiredFaults()[0].times, 2);
   service.ClearFaults();
+}
+
+double SecondsOf(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+TEST_F(EmulatorTest, IsAsSlowAsItIsToldToBe) {
+  const std::string bytes(100'000, 'b');
+  service.UserDrive().WriteFile("/f.bin", bytes);
+  const std::string link = client.Get("/drive/root:/f.bin:/content").Header("Location");
+  const auto download = [&] { EXPECT_TRUE(client.Get(link).body == bytes); };
+  const auto upload = [&] {
+    EXPECT_EQ(client.Send("PUT", "/drive/root:/up.bin:/content", bytes).status, 201);
+    EXPECT_TRUE(service.UserDrive().Remove("/up.bin"));
+  };
+  service.SetLatency(300ms);
+  EXPECT_GT(SecondsOf([&] { client.Get("/drive"); }), 0.3);
+  service.SetLatency(0ms);
+  service.SetBandwidth(200'000);
+  // The least time is certain; the most leaves room for a busy machine.
+  for (const auto& work : {std::function<void()>(download), std::function<void()>(upload)}) {
+    const double seconds = SecondsOf(work);
+    EXPECT_GT(seconds, 0.45);
+    EXPECT_LT(seconds, 5);
+  }
+  service.SetBandwidth(0);
+  EXPECT_LT(SecondsOf(download), 0.45);
+}
+
+TEST_F(EmulatorTest, ThrottlesWhatIsMoreThanTheRequestRate) {
+  service.SetRequestRate(3);
+  Reply reply;
+  int passed = 0;
+  for (int i = 0; i < 100 && reply.status != 429; ++i, ++passed) reply = client.Get("/drive");
+  EXPECT_GE(passed, 3);
+  EXPECT_EQ(reply.Error(), "activityLimitReached");
+  EXPECT_EQ(reply.Header("Retry-After"), "1");
+  // Those to sign in do not count.
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(client.Form(service.TokenUrl(), client.TokenForm(service.IssueRefreshToken())).status,
+              200);
+  }
+  std::this_thread::sleep_for(1s);
+  EXPECT_EQ(client.Get("/drive").status, 200);
+  service.SetRequestRate(0);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(client.Get("/drive").status, 200);
+}
+
+TEST_F(EmulatorTest, TheNetworkGoesAndComesBack) {
+  const std::string link = client.Get("/drive/root:/Welcome.txt:/content").Header("Location");
+  const std::string origin = service.Origin();
+  service.AddFault(Fault::Stall(Place::kBeforeAnswer).On("GET", "/drive/root"));
+  Client waiting(service);
+  auto broken = std::async(std::launch::async, [&] { return waiting.Get("/drive/root").code; });
+  while (!service.UnfiredFaults().empty()) std::this_thread::yield();
+  for (int round = 0; round < 2; ++round) {
+    service.Vanish();
+    service.Vanish();
+    EXPECT_EQ(client.Get("/drive").code, CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(client.Get(link).code, CURLE_COULDNT_CONNECT);
+    service.ComeBack();
+    EXPECT_EQ(client.Get("/drive").status, 200);
+    EXPECT_EQ(client.Get(link).code, CURLE_OK);
+  }
+  EXPECT_EQ(broken.get(), CURLE_RECV_ERROR) << "an orderly end would be no outage";
+  EXPECT_EQ(service.Origin(), origin);
+  service.Vanish();  // and is destroyed so
+}
+
+TEST_F(EmulatorTest, CountsRequestsByKind) {
+  service.ClearRequests();
+  const std::string link = client.Get("/drive/root:/Welcome.txt:/content").Header("Location");
+  client.Get(link);
+  client.Get(link, {"Range: bytes=0-1"});
+  client.Get("/drive/root/children");
+  client.Get("/drive/oneDrive.sharedWithMe");
+  client.Get("/drive");
+  client.Get("/drive/root");
+  client.Get("/drive/items/unknown");
+  client.Send("PUT", "/drive/root:/a.txt:/content", "a");
+  const Json::Value session = client.Send("POST", "/drive/root:/b:/createUploadSession").json;
+  client.Get(session["uploadUrl"].asString());
+  client.Send("POST", "/drive/root/children", R"({"name":"new","folder":{}})");
+  client.Send("PATCH", "/drive/root:/a.txt", R"({"name":"c.txt"})");
+  client.Send("DELETE", "/drive/root:/c.txt");
+  client.Form(service.TokenUrl(), "");
+  client.Get(service.Origin() + "/favicon.ico");
+  const CountsByKind expected{.list = 2,
+                              .item = 2,
+                              .drive = 1,
+                              .download_link = 1,
+                              .download = 2,
+                              .upload = 3,
+                              .change = 3,
+                              .sign_in = 1,
+                              .other = 1};
+  EXPECT_TRUE(service.RequestCounts() == expected);
+  service.ClearRequests();
+  EXPECT_TRUE(service.RequestCounts() == CountsByKind());
 }
 
 TEST(EmulatorLifeTest, EndsPromptlyWithStalledAndIdleConnections) {
