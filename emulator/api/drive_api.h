@@ -84,6 +84,8 @@ class DriveApi {
   static void RequireRole(const Call& call, const std::string& item_id, SharedRole role);
   /// Where a file is to be written that need not be there yet.
   Drive::FileRequest FileTarget(const Call& call) const;
+  /// `drive_id`: empty: the caller's own.
+  void RequireSameDrive(const Call& call, const std::string& drive_id) const;
   std::string NewParent(const Call& call, const Json::Value& reference) const;
 
   std::size_t PageSize(const Call& call) const;

@@ -143,12 +143,15 @@ Response DriveApi::ChangeItem(Call& call) {
   return Answer(call, 200, changed);
 }
 
+void DriveApi::RequireSameDrive(const Call& call, const std::string& drive_id) const {
+  if (&FindDrive(drive_id, call.user) == &call.drive) return;
+  throw InvalidRequest("An item cannot be moved to another drive.");
+}
+
 /// Id of the folder a parentReference names; empty: it names none.
 std::string DriveApi::NewParent(const Call& call, const Json::Value& reference) const {
   const auto drive_id = base::TextMember(reference, "driveId");
-  if (drive_id && *drive_id != call.drive.Id()) {
-    throw InvalidRequest("An item cannot be moved to another drive.");
-  }
+  if (drive_id) RequireSameDrive(call, *drive_id);
   std::optional<Item> parent;
   if (const auto id = base::TextMember(reference, "id")) {
     parent = Find(call.drive, {.drive_id = {}, .item_id = *id, .path = {}, .operation = {}});
@@ -156,7 +159,11 @@ std::string DriveApi::NewParent(const Call& call, const Json::Value& reference) 
     // Paths are given with escapes, as the service writes them, or plain, as people do.
     for (const std::string& form : {*path, PercentEncode(*path, "/:!")}) {
       const auto address = ParseItemAddress(form);
-      if (address && !parent) parent = Find(call.drive, *address);
+      if (!address || parent) continue;
+      // A path without a drive begins at that of "driveId", or else at the caller's own.
+      const bool names_drive = !address->drive_id.empty() || !drive_id;
+      if (names_drive) RequireSameDrive(call, address->drive_id);
+      parent = Find(call.drive, *address);
     }
   } else {
     return {};

@@ -373,6 +373,94 @@ TEST_F(EmulatorTest, ChangesKeepTheRules) {
   EXPECT_TRUE(rewritten["eTag"].asString().ends_with(",2\""));
 }
 
+TEST_F(EmulatorTest, ItemsMoveInsideOneDriveOnly) {
+  Drive& other = service.OtherDrive();
+  const std::string shared = other.MakeFolder("/Open/to");
+  other.Share(other.FindPath("/Open")->id, SharedRole::kWrite);
+  other.MakeFolder("/Closed");
+  other.MakeFolder("/Open/from");
+  service.UserDrive().MakeFolder("/Open/to");
+  const std::string drive = "/drives/" + other.Id();
+  const auto id = [](const std::string& text) { return R"("id":")" + text + '"'; };
+  const auto path = [](const std::string& text) { return R"("path":")" + text + '"'; };
+  const auto in = [](const Drive& one) { return R"(,"driveId":")" + one.Id() + '"'; };
+  const struct {
+    std::string reference;
+    long status;
+  } cases[] = {
+      {id(shared) + in(other), 200},
+      {id(shared), 200},
+      {path(drive + "/root:/Open/to"), 200},
+      {path("/drive/root:/Open/to") + in(other), 200},
+      // There is such a folder in both drives; this is that of the caller.
+      {path("/drive/root:/Open/to"), 400},
+      {path("/drives/" + service.UserDrive().Id() + "/root:/Open/to"), 400},
+      {id(service.UserDrive().RootId()) + in(service.UserDrive()), 400},
+      {id(service.UserDrive().RootId()), 404},
+      {id(shared) + R"(,"driveId":"b!unknown")", 404},
+      {id(other.FindPath("/Closed")->id), 403},
+  };
+  Client second(service);
+  for (const auto& [reference, status] : cases) {
+    const std::string item = drive + "/items/" + other.WriteFile("/Open/from/a.txt", "a");
+    const std::string body = R"({"parentReference":{)" + reference + "}}";
+    EXPECT_EQ(client.Send("PATCH", item, body).status, status) << reference;
+    // Another client sees what became of it at once.
+    EXPECT_EQ(second.Get(item).json["parentReference"]["id"],
+              other.FindPath(status == 200 ? "/Open/to" : "/Open/from")->id)
+        << reference;
+    other.Remove("/Open/to/a.txt");
+  }
+}
+
+TEST_F(EmulatorTest, UploadsKeepTheirConditions) {
+  Drive& drive = service.UserDrive();
+  const auto tag = [&] { return drive.FindPath("/there.txt")->ETag(); };
+  drive.WriteFile("/there.txt", "1");
+  const std::string old_tag = tag();
+  drive.WriteFile("/there.txt", "2");
+  const std::string fail = R"({"item":{"@name.conflictBehavior":"fail"}})";
+  const std::string there = "/drive/root:/there.txt:/";
+  const std::string none = "/drive/root:/none.txt:/";
+  const struct {
+    std::string put_or_post, target, body, if_match;
+    long status;
+  } cases[] = {
+      {"PUT", there + "content", "3", old_tag, 412},
+      {"PUT", there + "content", "3", tag(), 200},
+      {"PUT", none + "content", "3", old_tag, 412},
+      {"PUT", there + "content?@name.conflictBehavior=fail", "4", "", 409},
+      {"PUT", none + "content?@name.conflictBehavior=fail", "4", "", 201},
+      {"POST", there + "createUploadSession", "", old_tag, 412},
+      {"POST", there + "createUploadSession", fail, "", 409},
+      {"POST", "/drive/root:/new.txt:/createUploadSession", fail, "", 200},
+  };
+  for (const auto& [method, target, body, if_match, status] : cases) {
+    std::vector<std::string> headers;
+    if (!if_match.empty()) headers.push_back("If-Match: " + if_match);
+    const Reply reply = client.Send(method, target, body, headers);
+    EXPECT_EQ(reply.status, status) << method << target << reply.body;
+    EXPECT_EQ(reply.Error(), status == 412   ? "resourceModified"
+                             : status == 409 ? "nameAlreadyExists"
+                                             : "");
+  }
+  EXPECT_EQ(drive.ReadFile("/there.txt"), "3");
+  // What changes while the fragments come counts as well.
+  const Json::Value changed =
+      client.Send("POST", there + "createUploadSession", "", {"If-Match: " + tag()}).json;
+  const Json::Value taken =
+      client.Send("POST", "/drive/root:/late.txt:/createUploadSession", fail).json;
+  drive.WriteFile("/there.txt", "meanwhile");
+  drive.WriteFile("/late.txt", "meanwhile");
+  for (const auto& [session, status] : {std::pair(changed, 412L), {taken, 409L}}) {
+    const Reply last =
+        client.Send("PUT", session["uploadUrl"].asString(), "x", {"Content-Range: bytes 0-0/1"});
+    EXPECT_EQ(last.status, status) << last.body;
+  }
+  EXPECT_EQ(drive.ReadFile("/there.txt"), "meanwhile");
+  EXPECT_EQ(drive.ReadFile("/late.txt"), "meanwhile");
+}
+
 TEST_F(EmulatorTest, RefusesTheNamesThatTheServiceRefuses) {
   const std::string long_name(255, 'n');
   const std::string emoji = "%F0%9F%98%80";  // two UTF-16 units
