@@ -40,9 +40,9 @@ constexpr std::chrono::seconds kLongestEnd{4};
 class TemporaryState {
  public:
   TemporaryState() {
-    std::string folder = (std::filesystem::temp_directory_path() / "onedrive4b-XXXXXX").string();
-    if (::mkdtemp(folder.data()) == nullptr) throw host::LocalFailure("make", folder, errno);
-    folder_ = folder;
+    std::string path = (std::filesystem::temp_directory_path() / "onedrive4b-XXXXXX").string();
+    if (::mkdtemp(path.data()) == nullptr) throw host::LocalFailure("make", path, errno);
+    folder_ = path;
   }
   ~TemporaryState() {
     std::error_code ignored;

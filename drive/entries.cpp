@@ -135,6 +135,7 @@ void Entries::NeedEmpty(Lock& lock, const Item& folder, std::stop_token stop) {
 void Entries::Remove(Change& change, Item item) {
   if (item.dirty) item.etag = item.copy_etag;  // the version that was seen here
   item.place = {};
+  item.changed = core_.clock.Now();
   item.refusal = {};
   // Who has it open goes on with its bytes.
   if (!contents_.IsOpen(item.number) && !core_.busy.contains(item.number)) {

@@ -6,6 +6,7 @@
 namespace drive {
 namespace {
 
+constexpr std::chrono::seconds kRestOfNames{2};
 /// A circle of names that is longer than this is solved bit by bit.
 constexpr int kLongestCircle = 1000;
 
@@ -25,6 +26,7 @@ Readiness Plan::Of(const Item& item) {
     }
   }
   if (item.IsMoved()) {
+    if (const auto rest = RestOf(item)) return {.at = rest};
     return {.step = Step{.kind = StepKind::kRelocate, .item = item, .to = item.place}};
   }
   const StepKind kind = item.IsFolder() ? StepKind::kMakeFolder : StepKind::kUpload;
@@ -44,6 +46,7 @@ Readiness Plan::OfRemoved(const Item& item) {
   // It goes with the folder that it was in.
   if (folder && folder->IsRemoved() && folder->IsSent()) return {};
   if (item.IsFolder() && !IsFree(item)) return {};
+  if (const auto rest = RestOf(item)) return {.at = rest};
   return {.step = Step{.kind = StepKind::kDelete, .item = item, .to = {}}};
 }
 
@@ -54,6 +57,16 @@ bool Plan::IsFree(const Item& folder) {
     const bool waits = !child.IsRemoved() || !child.IsSent() || core_.busy.contains(child.number);
     return !waits && (!child.IsFolder() || IsFree(child));
   });
+}
+
+/// Names rest for a moment, too: editors save by renaming and removing, and what is undone before
+/// it is sent leaves the item at the service as it was. Nothing: it has rested.
+std::optional<FileTime> Plan::RestOf(const Item& item) const {
+  const auto rest = std::min<std::chrono::seconds>(core_.options.upload_delay, kRestOfNames);
+  const FileTime due = item.changed + rest;
+  const FileTime now = core_.clock.Now();
+  if (urgent_ || item.IsFolder() || due <= now || item.changed > now) return std::nullopt;
+  return due;
 }
 
 bool Plan::CanHold(ItemNumber folder) const {

@@ -44,6 +44,7 @@ class Plan {
  private:
   Readiness OfRemoved(const Item& item);
   Readiness OfFile(Readiness ready, const Item& item);
+  std::optional<FileTime> RestOf(const Item& item) const;
   bool CanHold(ItemNumber folder) const;
   bool IsFree(const Item& folder);
   std::optional<Item> Blocker(const Item& item, const Place& place);

@@ -177,7 +177,7 @@ bool Sender::Sync(Lock& lock, std::chrono::milliseconds time, std::stop_token st
   while (!stop.stop_requested() && core_.clock.Now() < until) {
     done = core_.catalog.CountPending().items == 0;
     const bool stuck =
-        idle_ && !core_.connection.offline() && core_.catalog.RefusedItems().size() > 0;
+        idle_ && !core_.connection.offline() && !core_.catalog.RefusedItems().empty();
     if (done || stuck) break;
     core_.work.Wait(lock, until, stop);
   }
@@ -295,81 +295,92 @@ std::string Sender::SentBy(const Task& task) {
   return item ? item->sent : std::string();
 }
 
-/// Something that is not known here, or not known to be there, has the name. Or, for kFind, may
-/// have it.
-void Sender::SolveTaken(const Task& task) {
-  const bool only_find = task.step.kind == StepKind::kFind;
-  const Place& place = task.step.to;
-  Listing listing{.folder = place.parent};
+/// What the service has under the name that the step wanted.
+Sender::Found Sender::LookAt(const Task& task) {
+  Answers::Question question = 0;
   {
     const Lock lock(core_.mutex);
-    listing.question = core_.answers.Ask();
+    question = core_.answers.Ask();
   }
+  Found found;
   std::optional<RemoteError> failure;
   try {
-    listing.items = core_.remote.List(task.folder_id);
-  } catch (const RemoteError& error) {
-    failure = error;
-  }
-  const std::string key = NameKey(place.name);
-  const auto entry =
-      std::find_if(listing.items.begin(), listing.items.end(),
-                   [&](const RemoteItem& item) { return NameKey(item.name) == key; });
-  bool same = false;
-  try {
-    same = entry != listing.items.end() && WasSent(SentBy(task), *entry, task.stop);
+    const std::string key = NameKey(task.step.to.name);
+    for (RemoteItem& item : core_.remote.List(task.folder_id)) {
+      if (NameKey(item.name) == key) found.entry = std::move(item);
+    }
+    if (found.entry) found.was_sent = WasSent(SentBy(task), *found.entry, task.stop);
   } catch (const RemoteError& error) {
     failure = error;
   }
   const Lock lock(core_.mutex);
-  core_.answers.End(listing.question);
+  found.outdated = found.entry && core_.answers.ToldSince(found.entry->id, question);
+  core_.answers.End(question);
   if (failure) throw RemoteError(*failure);
+  return found;
+}
+
+/// Something that is not known here, or not known to be there, has the name. Or, for kFind, may
+/// have it.
+void Sender::SolveTaken(const Task& task) {
+  const Found found = LookAt(task);
+  const Lock lock(core_.mutex);
   std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
-  if (!item) return;
+  if (!item || found.outdated) return;
   Change change(core_);
-  Merge merge(change);
-  const bool there = entry != listing.items.end();
   std::optional<Item> known;
-  if (there) known = core_.catalog.FindId(entry->id);
-  const bool ours = there && !known && !item->IsSent() &&
-                    (same || (item->IsFolder() && entry->kind == Kind::kFolder));
-  if (!ours && !item->IsSent()) {
+  if (found.entry) known = core_.catalog.FindId(found.entry->id);
+  const bool ours = found.entry && !known && !item->IsSent() &&
+                    (found.was_sent || (item->IsFolder() && found.entry->kind == Kind::kFolder));
+  if (ours) {
+    // An earlier request of ours reached the service and its answer did not reach us, or two
+    // people made the same.
+    TakeIdentity(change, *item, *found.entry);
+    item->base = {.parent = task.step.to.parent, .name = found.entry->name};
+    item->copy_etag = found.entry->etag;
+    if (item->IsFolder()) item->listed = {};
+    core_.catalog.Put(*item);
+    return change.Commit();
+  }
+  if (!item->IsSent()) {
     // Nothing of ours is there: it is certain now.
     item->base = {};
     item->sent.clear();
     core_.catalog.Put(*item);
   }
-  if (!there || (only_find && !ours)) return change.Commit();
-  if (core_.answers.ToldSince(entry->id, listing.question)) return change.Commit();
-  if (known && known->number != item->number) {
-    // It got this name elsewhere; the listing's next merge would say so, too.
-    if (core_.busy.contains(known->number)) return change.Commit();
-    const bool follows = !known->IsRemoved() && known->place == known->base;
-    known->base = {.parent = place.parent, .name = entry->name};
-    core_.catalog.Put(*known);
-    if (follows && item->place == place) {
-      merge.StepAside(*item, false);
-      const Place old = std::exchange(known->place, known->base);
-      change.EntryGone(old, known->number);
-      change.EntryChanged(known->place);
-      core_.catalog.Put(*known);
-    }
-  } else if (known) {
-    item->base = {.parent = place.parent, .name = entry->name};
-    core_.catalog.Put(*item);
-  } else if (ours) {
-    // An earlier request of ours reached the service and its answer did not reach us, or two
-    // people made the same.
-    TakeIdentity(change, *item, *entry);
-    item->base = {.parent = place.parent, .name = entry->name};
-    item->copy_etag = entry->etag;
-    if (item->IsFolder()) item->listed = {};
-    core_.catalog.Put(*item);
-  } else if (!item->IsRemoved() && item->place == place) {
-    merge.StepAside(*item, false);
-    merge.Insert(core_.catalog.Get(place.parent), *entry);
+  if (found.entry && task.step.kind != StepKind::kFind) {
+    GiveWay(change, task.step.to, *std::move(item), std::move(known), *found.entry);
   }
   change.Commit();
+}
+
+/// `entry` has the place at the service; `known` is its item, if there is one.
+void Sender::GiveWay(Change& change, const Place& place, Item item, std::optional<Item> known,
+                     const RemoteItem& entry) {
+  Merge merge(change);
+  const Place there{.parent = place.parent, .name = entry.name};
+  if (!known) {
+    if (item.IsRemoved() || item.place != place) return;
+    merge.StepAside(item, false);
+    merge.Insert(core_.catalog.Get(place.parent), entry);
+    return;
+  }
+  if (known->number == item.number) {
+    item.base = there;
+    core_.catalog.Put(item);
+    return;
+  }
+  // It got this name elsewhere; the folder's next listing would say so, too.
+  if (core_.busy.contains(known->number)) return;
+  const bool follows = !known->IsRemoved() && known->place == known->base;
+  known->base = there;
+  core_.catalog.Put(*known);
+  if (!follows || item.place != place) return;
+  merge.StepAside(item, false);
+  const Place old = std::exchange(known->place, there);
+  core_.catalog.Put(*known);
+  change.EntryGone(old, known->number);
+  change.EntryChanged(there);
 }
 
 // Folders, places, removals. ------------------------------------------------------------------

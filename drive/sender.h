@@ -68,7 +68,15 @@ class Sender {
   std::string SentBy(const Task& task);
 
   void HandleTrouble(const Task& task, const RemoteError& failure);
+  struct Found {
+    std::optional<RemoteItem> entry;
+    bool was_sent = false;  ///< its content is one that was sent from here
+    bool outdated = false;  ///< it was changed from here since the service was asked
+  };
+  Found LookAt(const Task& task);
   void SolveTaken(const Task& task);
+  void GiveWay(Change& change, const Place& place, Item item, std::optional<Item> known,
+               const RemoteItem& entry);
   void SolveMissing(const Task& task);
   bool TakeIdentity(Change& change, Item& item, const RemoteItem& remote);
 

@@ -14,12 +14,12 @@ namespace {
 }  // namespace
 
 Database::Database(const std::filesystem::path& file) {
-  sqlite3* handle = nullptr;
+  sqlite3* opened = nullptr;
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-  const int result = sqlite3_open_v2(file.c_str(), &handle, flags, nullptr);
-  handle_.reset(handle);
-  if (handle == nullptr) throw Error(Reason::kBroken, "the catalog: no memory");
-  if (result != SQLITE_OK) Fail(handle);
+  const int result = sqlite3_open_v2(file.c_str(), &opened, flags, nullptr);
+  handle_.reset(opened);
+  if (opened == nullptr) throw Error(Reason::kBroken, "the catalog: no memory");
+  if (result != SQLITE_OK) Fail(opened);
 }
 
 void Database::Execute(const char* sql) const {

@@ -72,7 +72,7 @@ void Background::Ready(const std::filesystem::path& log) {
 }
 
 void TellSystemd(const char* state) noexcept {
-  const char* path = std::getenv("NOTIFY_SOCKET");
+  const char* path = std::getenv("NOTIFY_SOCKET");  // NOLINT(concurrency-mt-unsafe)
   sockaddr_un address{};
   if (path == nullptr || std::strlen(path) >= sizeof(address.sun_path) || *path == '\0') return;
   address.sun_family = AF_UNIX;

@@ -25,7 +25,7 @@ constexpr std::size_t kLongestLine = std::size_t{1} << 16U;
 constexpr int kPatience = 5000;
 
 std::filesystem::path RuntimeFolder() {
-  const char* folder = std::getenv("XDG_RUNTIME_DIR");
+  const char* folder = std::getenv("XDG_RUNTIME_DIR");  // NOLINT(concurrency-mt-unsafe)
   if (folder != nullptr && *folder == '/') return std::filesystem::path(folder) / "onedrive4b";
   return std::filesystem::path("/tmp") / ("onedrive4b-" + std::to_string(::getuid()));
 }

@@ -110,9 +110,13 @@ struct FolderHandle {
   drive::ItemNumber parent = 0;
 };
 
-drive::OpenFile& FileOf(const fuse_file_info* info) {
-  return *reinterpret_cast<FileHandle*>(info->fh)->file;
+/// What a handle of the kernel points to: libfuse keeps pointers as numbers.
+template <class Pointee>
+Pointee* PointerOf(const fuse_file_info* info) {
+  return reinterpret_cast<Pointee*>(info->fh);  // NOLINT(performance-no-int-to-ptr)
 }
+
+drive::OpenFile& FileOf(const fuse_file_info* info) { return *PointerOf<FileHandle>(info)->file; }
 
 void SetHandle(FileSystem& system, fuse_file_info* info, std::shared_ptr<drive::OpenFile> file) {
   info->keep_cache = system.KeepsCache(file->number, file->version);
@@ -256,7 +260,7 @@ void OpenFolder(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
 template <class Add>
 void ReadEntries(fuse_req_t request, std::size_t size, off_t offset, fuse_file_info* info,
                  const Add& add) {
-  const auto& folder = *reinterpret_cast<const FolderHandle*>(info->fh);
+  const auto& folder = *PointerOf<const FolderHandle>(info);
   std::vector<char> buffer(size);
   std::size_t used = 0;
   const auto count = static_cast<off_t>(folder.entries.size()) + 2;
@@ -311,7 +315,7 @@ void ReadFolderPlus(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offs
 }
 
 void CloseFolder(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  delete reinterpret_cast<FolderHandle*>(info->fh);
+  delete PointerOf<FolderHandle>(info);
   fuse_reply_err(request, 0);
 }
 
@@ -336,7 +340,7 @@ void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
         SetHandle(Of(request), info, file);
         if (fuse_reply_open(request, info) != 0) {  // whoever opened it was interrupted
           DriveOf(request).Close(*file);
-          delete reinterpret_cast<FileHandle*>(info->fh);
+          delete PointerOf<FileHandle>(info);
         }
       });
 }
@@ -368,7 +372,7 @@ void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode
         const fuse_entry_param entry = EntryOf(Of(request), created.attributes);
         if (fuse_reply_create(request, &entry, info) != 0) {
           DriveOf(request).Close(*created.file);
-          delete reinterpret_cast<FileHandle*>(info->fh);
+          delete PointerOf<FileHandle>(info);
         }
       });
 }
@@ -440,7 +444,7 @@ void SyncFile(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) {
 
 void Close(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
   HandlePlain(request, [&](std::stop_token) {
-    const std::unique_ptr<FileHandle> handle(reinterpret_cast<FileHandle*>(info->fh));
+    const std::unique_ptr<FileHandle> handle(PointerOf<FileHandle>(info));
     DriveOf(request).Close(*handle->file);
   });
 }

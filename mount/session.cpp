@@ -42,6 +42,7 @@ Session::Session(FileSystem& system, Notifier& notifier, const SessionOptions& o
   if (options.allow_other) settings += ",allow_other";
   std::vector<std::string> texts = {"onedrive4b", "-o", settings};
   std::vector<char*> arguments;
+  arguments.reserve(texts.size());
   for (std::string& text : texts) arguments.push_back(text.data());
   fuse_args args = FUSE_ARGS_INIT(static_cast<int>(arguments.size()), arguments.data());
   session_.reset(
