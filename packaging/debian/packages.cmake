@@ -39,7 +39,7 @@ which CMake and pkg-config find them.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME onedrive4b)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "ca-certificates, onedrive4b-module ${same_version}")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "ca-certificates, fuse3, onedrive4b-module ${same_version}")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "use OneDrive for Business from the command line
 A program that browses a drive of OneDrive for Business and carries files
 both ways, and an emulator of the service for trying out and testing
