@@ -104,7 +104,9 @@ void Contents::CloseContent(const ContentPointer& content) {
     }
     change.Commit();
   }
-  if (content->openers == 0) Release(content);
+  if (content->openers > 0) return;
+  Release(content);
+  core_.work.WakeAt(core_.clock.Now());  // a removal may have waited for this
 }
 
 /// The last user of a content went: what nobody needs any more goes, too.
@@ -121,6 +123,8 @@ void Contents::Release(const ContentPointer& content) {
     change.Commit();
     return;
   }
+  // It was let go before, while its upload was running, and the file was opened anew since.
+  if (Current(content->number) != content) return;
   const std::optional<Item> item = core_.catalog.Find(content->number);
   if (item && item->IsRemoved() && !item->IsPending() && !core_.busy.contains(item->number)) {
     Change change(core_);
@@ -668,6 +672,7 @@ void Contents::Retag(Change& change, Item& item, const std::string& etag) {
 }
 
 void Contents::MarkClean(Change& change, Item& item) {
+  Overlay(item);  // what was sent may not have been recorded yet
   item.dirty = false;
   item.copy_etag = item.etag;
   RangeSet all;

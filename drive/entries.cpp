@@ -200,17 +200,17 @@ void Entries::Rename(Lock& lock, const RenameRequest& request, std::stop_token s
   }
   Change change(core_);
   contents_.Overlay(source);
+  if (target) Replace(change, source, *std::move(target));
   source.place = to;
   source.changed = core_.clock.Now();
   source.refusal = {};
-  if (target) Replace(change, source, *std::move(target));
   core_.catalog.Put(source);
   change.Commit();
   core_.work.WakeAt(core_.clock.Now());
 }
 
-/// `source` comes to the place of `target`. Where all its bytes are here it becomes a new version
-/// of the target's item; otherwise that item is removed first.
+/// `source` is about to come to the place of `target`. Where all its bytes are here it becomes a
+/// new version of the target's item; otherwise that item is removed first.
 void Entries::Replace(Change& change, Item& source, Item target) {
   const bool known = target.IsSent() || target.IsUncertain() || core_.busy.contains(target.number);
   if (source.kind == Kind::kFile && known && contents_.IsComplete(source)) {
