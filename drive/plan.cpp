@@ -47,6 +47,9 @@ Readiness Plan::OfRemoved(const Item& item) {
   if (folder && folder->IsRemoved() && folder->IsSent()) return {};
   if (item.IsFolder() && !IsFree(item)) return {};
   if (const auto rest = RestOf(item)) return {.at = rest};
+  // Who has it open may still need bytes that only the service has.
+  const bool needed = core_.contents->IsOpen(item.number) && !core_.contents->IsComplete(item);
+  if (needed && !urgent_) return {};
   return {.step = Step{.kind = StepKind::kDelete, .item = item, .to = {}}};
 }
 
