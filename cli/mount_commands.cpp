@@ -258,12 +258,16 @@ void EndSoon(host::Cancellation& cancellation) {
   }).detach();
 }
 
-void Serve(const MountContext& context, drive::Drive& drive, mounted::Notifier& notifier,
+void Serve(const MountContext& context, const mounted::FileSystemParts& parts,
            const std::filesystem::path& state, mode_t umask) {
   const Options& options = context.options;
+  drive::Drive& drive = parts.drive;
   const Interrupts::Scope scope(context.interrupts);
-  mounted::FileSystem system(drive, {.uid = ::getuid(), .gid = ::getgid(), .umask = umask});
-  mounted::Session session(system, notifier,
+  mounted::FileSystem system(parts, {.owner = ::getuid(),
+                                     .group = ::getgid(),
+                                     .umask = umask,
+                                     .timeout = std::chrono::seconds(options.mount.refresh)});
+  mounted::Session session(system, parts.notifier,
                            {.mount_point = options.local,
                             .read_only = options.mount.read_only,
                             .allow_other = options.mount.allow_other});
@@ -370,13 +374,14 @@ void MountDrive(const MountContext& context) {
     settings.upload_delay = std::chrono::seconds(options.mount.upload_delay);
     const drive::SystemClock clock;
     drive::ModuleRemote remote(context.items);
-    mounted::Notifier notifier;
+    mounted::Inodes inodes;
+    mounted::Notifier notifier(inodes);
     drive::Threads threads(clock);
     drive::Drive drive(std::move(settings),
                        {.remote = remote, .work = threads, .clock = clock, .watcher = notifier});
     threads.Start();
     drive.Start();
-    Serve(context, drive, notifier, state, umask);
+    Serve(context, {.drive = drive, .inodes = inodes, .notifier = notifier}, state, umask);
   } catch (const drive::Error& error) {
     throw ToFailure(error);
   }

@@ -192,9 +192,9 @@ Attributes Drive::Get(ItemNumber number) const {
   return impl_->See(impl_->core.catalog.Get(number));
 }
 
-ItemNumber Drive::Parent(ItemNumber number) const {
+Place Drive::PlaceOf(ItemNumber number) const {
   const Lock lock(impl_->core.mutex);
-  return impl_->core.catalog.Get(number).place.parent;
+  return impl_->core.catalog.Get(number).place;
 }
 
 Attributes Drive::Set(ItemNumber number, const AttributeChange& change, std::stop_token stop) {

@@ -140,8 +140,9 @@ class Drive {
   Attributes Set(ItemNumber number, const AttributeChange& change, std::stop_token stop);
   /// The entries, without "." and "..", in no order.
   std::vector<Entry> List(ItemNumber folder, std::stop_token stop);
-  /// The folder that holds it; the top holds itself.
-  ItemNumber Parent(ItemNumber number) const;
+  /// The folder that holds it and its name there, as kept. The top holds itself; parent 0 means
+  /// that the item was removed.
+  Place PlaceOf(ItemNumber number) const;
 
   Attributes MakeFolder(ItemNumber folder, std::string_view name, std::stop_token stop);
   /// Makes an empty file; kExists when there is an entry of this name.

@@ -1,624 +1,384 @@
 #include "mount/file_system.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstring>
-#include <exception>
-#include <memory>
-#include <string>
-#include <vector>
+#include <ctime>
+#include <string_view>
+#include <utility>
 
 #include <fcntl.h>
+#include <linux/falloc.h>
 #include <linux/fs.h>
-#include <sys/stat.h>
 
 #include "mount/errno_table.h"
 
 namespace mounted {
 namespace {
 
-/// The kernel is told when others change something; this is how long it goes without being told
-/// when nobody looks at a folder. In seconds.
-constexpr double kCacheTime = 30;
+constexpr blksize_t kBlockBytes = 4096;
+constexpr std::chrono::seconds kSpaceLife{60};
+/// So much of a copy is done for one request: the program can be interrupted between two.
+constexpr std::size_t kCopyBytes = std::size_t{16} << 20;
 
-FileSystem& Of(fuse_req_t request) { return *static_cast<FileSystem*>(fuse_req_userdata(request)); }
+constexpr std::string_view kId = "user.onedrive4b.id";
+constexpr std::string_view kEtag = "user.onedrive4b.etag";
+constexpr std::string_view kState = "user.onedrive4b.state";
 
-drive::Drive& DriveOf(fuse_req_t request) { return Of(request).drive(); }
-
-drive::ItemNumber Number(fuse_ino_t inode) { return static_cast<drive::ItemNumber>(inode); }
-
-/// Raised when the program that waits for the request is interrupted.
-class Interrupt {
- public:
-  explicit Interrupt(fuse_req_t request) : request_(request) {
-    fuse_req_interrupt_func(
-        request,
-        [](fuse_req_t, void* self) { static_cast<Interrupt*>(self)->source_.request_stop(); },
-        this);
-  }
-  ~Interrupt() { Forget(); }
-  Interrupt(const Interrupt&) = delete;
-  Interrupt& operator=(const Interrupt&) = delete;
-
-  std::stop_token token() const { return source_.get_token(); }
-
-  /// Before the answer: after it the request is no longer ours.
-  void Forget() {
-    if (request_ != nullptr) fuse_req_interrupt_func(request_, nullptr, nullptr);
-    request_ = nullptr;
-  }
-
- private:
-  fuse_req_t request_;
-  std::stop_source source_;
-};
-
-/// Runs the work of a request, then its answer; what the work throws is the answer instead.
-template <class Work, class Answer>
-void Handle(fuse_req_t request, const Work& work, const Answer& answer) noexcept {
-  int error = EIO;
-  try {
-    Interrupt interrupt(request);
-    auto result = work(interrupt.token());
-    interrupt.Forget();
-    answer(result);
-    return;
-  } catch (const drive::Error& failure) {
-    error = ErrnoOf(failure.reason());
-  } catch (const std::bad_alloc&) {
-    error = ENOMEM;
-  } catch (const std::exception&) {
-    error = EIO;
-  }
-  fuse_reply_err(request, error);
+timespec TimespecOf(drive::FileTime time) {
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+  return {.tv_sec = static_cast<time_t>(seconds.time_since_epoch().count()),
+          .tv_nsec = static_cast<long>((time - seconds).count())};
 }
 
-/// The same for requests without a result.
-template <class Work>
-void HandlePlain(fuse_req_t request, const Work& work) noexcept {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        work(std::move(stop));
-        return 0;
-      },
-      [&](int) { fuse_reply_err(request, 0); });
-}
-
-fuse_entry_param EntryOf(FileSystem& system, const drive::Attributes& attributes) {
-  fuse_entry_param entry{};
-  entry.ino = static_cast<fuse_ino_t>(attributes.number);
-  entry.attr = system.Stat(attributes);
-  entry.attr_timeout = entry.entry_timeout = kCacheTime;
-  return entry;
-}
-
-void ReplyEntry(fuse_req_t request, const drive::Attributes& attributes) {
-  const fuse_entry_param entry = EntryOf(Of(request), attributes);
-  fuse_reply_entry(request, &entry);
-}
-
-// What the kernel's handles point to.
-
-struct FileHandle {
-  std::shared_ptr<drive::OpenFile> file;
-};
-
-struct FolderHandle {
-  std::vector<drive::Entry> entries;
-  drive::ItemNumber number = 0;
-  drive::ItemNumber parent = 0;
-};
-
-/// What a handle of the kernel points to: libfuse keeps pointers as numbers.
-template <class Pointee>
-Pointee* PointerOf(const fuse_file_info* info) {
-  return reinterpret_cast<Pointee*>(info->fh);  // NOLINT(performance-no-int-to-ptr)
-}
-
-drive::OpenFile& FileOf(const fuse_file_info* info) { return *PointerOf<FileHandle>(info)->file; }
-
-void SetHandle(FileSystem& system, fuse_file_info* info, std::shared_ptr<drive::OpenFile> file) {
-  info->keep_cache = system.KeepsCache(file->number, file->version);
-  info->fh = reinterpret_cast<std::uint64_t>(new FileHandle{std::move(file)});
-}
-
-// Names. --------------------------------------------------------------------------------------
-
-void Lookup(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        return DriveOf(request).Lookup(Number(folder), name, std::move(stop));
-      },
-      [&](const drive::Attributes& found) { ReplyEntry(request, found); });
-}
-
-void GetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
-  Handle(
-      request, [&](std::stop_token) { return DriveOf(request).Get(Number(inode)); },
-      [&](const drive::Attributes& found) {
-        const struct stat status = Of(request).Stat(found);
-        fuse_reply_attr(request, &status, kCacheTime);
-      });
-}
-
-drive::FileTime ToTime(const timespec& time) {
+drive::FileTime TimeOf(const timespec& time) {
   return drive::FileTime(std::chrono::seconds(time.tv_sec) +
                          std::chrono::nanoseconds(time.tv_nsec));
 }
 
-drive::AttributeChange ChangeOf(fuse_req_t request, const struct stat& status, int which) {
-  // The owner is who mounted. Asking for what is so already is no change.
-  const fuse_ctx* context = fuse_req_ctx(request);
-  const bool other_owner =
-      ((which & FUSE_SET_ATTR_UID) != 0 && status.st_uid != context->uid) ||
-      ((which & FUSE_SET_ATTR_GID) != 0 && context->uid != 0 && status.st_gid != context->gid);
-  if (other_owner && context->uid != 0) {
-    throw drive::Error(drive::Reason::kDenied, "files belong to who mounted");
+drive::FileTime Now() {
+  return std::chrono::time_point_cast<drive::FileTime::duration>(std::chrono::system_clock::now());
+}
+
+bool IsExecutable(mode_t mode) { return (mode & S_IXUSR) != 0; }
+
+}  // namespace
+
+FileSystem::~FileSystem() {
+  while (const std::unique_ptr<FileHandle> handle = files_.TakeAny()) Close(*handle);
+}
+
+// Attributes. ---------------------------------------------------------------------------------
+
+struct stat FileSystem::StatOf(const drive::Attributes& attributes) const {
+  const bool folder = attributes.kind != drive::Kind::kFile;
+  mode_t mode = folder ? 0777 : 0666;
+  if (attributes.executable) mode |= 0111;
+  mode &= ~options_.umask;
+  if (!attributes.writable) mode &= ~mode_t{0222};
+  struct stat out = {};
+  out.st_ino = InodeOf(attributes.number);
+  out.st_mode = mode | (folder ? S_IFDIR : S_IFREG);
+  // Folders have 1, as on other file systems that do not count them: "find" relies on it.
+  out.st_nlink = 1;
+  out.st_uid = options_.owner;
+  out.st_gid = options_.group;
+  out.st_size = attributes.size;
+  out.st_blksize = kBlockBytes;
+  out.st_blocks = (attributes.size + 511) / 512;
+  out.st_mtim = out.st_atim = TimespecOf(attributes.modified);
+  out.st_ctim = TimespecOf(attributes.changed);
+  return out;
+}
+
+struct stat FileSystem::GetAttributes(fuse_ino_t inode) const {
+  const drive::ItemNumber number = NumberOf(inode);
+  struct stat out = StatOf(drive_.Get(number));
+  if (drive_.PlaceOf(number).parent == 0) out.st_nlink = 0;
+  return out;
+}
+
+struct stat FileSystem::SetAttributes(fuse_ino_t inode, const struct stat& wanted, int which,
+                                      std::stop_token stop) {
+  if (((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != options_.owner) ||
+      ((which & FUSE_SET_ATTR_GID) != 0 && wanted.st_gid != options_.group)) {
+    throw Refusal(EPERM);
   }
   drive::AttributeChange change;
-  if ((which & FUSE_SET_ATTR_SIZE) != 0) change.size = status.st_size;
-  if ((which & FUSE_SET_ATTR_MODE) != 0) change.executable = (status.st_mode & S_IXUSR) != 0;
+  if ((which & FUSE_SET_ATTR_MODE) != 0) change.executable = IsExecutable(wanted.st_mode);
+  if ((which & FUSE_SET_ATTR_SIZE) != 0) change.size = wanted.st_size;
   if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) {
-    change.modified = drive::SystemClock().Now();
+    change.modified = Now();
   } else if ((which & FUSE_SET_ATTR_MTIME) != 0) {
-    change.modified = ToTime(status.st_mtim);
+    change.modified = TimeOf(wanted.st_mtim);
   }
-  return change;
+  if (!change.executable && !change.size && !change.modified) return GetAttributes(inode);
+  return StatOf(drive_.Set(NumberOf(inode), change, std::move(stop)));
 }
 
-void SetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* status, int which,
-                   fuse_file_info*) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        return DriveOf(request).Set(Number(inode), ChangeOf(request, *status, which),
-                                    std::move(stop));
-      },
-      [&](const drive::Attributes& now) {
-        const struct stat shown = Of(request).Stat(now);
-        fuse_reply_attr(request, &shown, kCacheTime);
-      });
+double FileSystem::TimeoutOf(fuse_ino_t inode) const {
+  if ((inode & kOtherSpelling) != 0) return 0;
+  return static_cast<double>(options_.timeout.count());
 }
 
-void MakeFolder(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        return DriveOf(request).MakeFolder(Number(folder), name, std::move(stop));
-      },
-      [&](const drive::Attributes& made) { ReplyEntry(request, made); });
-}
-
-void MakeNode(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode, dev_t) {
-  if (!S_ISREG(mode)) {
-    fuse_reply_err(request, EPERM);  // the service has files and folders only
-    return;
+/// What the service said at most a minute ago; else what it said last.
+drive::Space FileSystem::AskSpace(std::stop_token stop) {
+  {
+    const std::lock_guard lock(space_mutex_);
+    const auto now = std::chrono::steady_clock::now();
+    if (space_asked_ && now - *space_asked_ < kSpaceLife) return space_;
+    space_asked_ = now;
   }
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        return DriveOf(request).MakeFile(Number(folder), name, (mode & S_IXUSR) != 0,
-                                         std::move(stop));
-      },
-      [&](const drive::Attributes& made) { ReplyEntry(request, made); });
-}
-
-void RemoveFile(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  HandlePlain(request, [&](std::stop_token stop) {
-    DriveOf(request).RemoveFile(Number(folder), name, std::move(stop));
-  });
-}
-
-void RemoveFolder(fuse_req_t request, fuse_ino_t folder, const char* name) {
-  HandlePlain(request, [&](std::stop_token stop) {
-    DriveOf(request).RemoveFolder(Number(folder), name, std::move(stop));
-  });
-}
-
-void Rename(fuse_req_t request, fuse_ino_t folder, const char* name, fuse_ino_t new_folder,
-            const char* new_name, unsigned flags) {
-  if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) {
-    fuse_reply_err(request, EINVAL);
-    return;
+  std::optional<drive::Space> answer;
+  try {
+    answer = drive_.SpaceOf(std::move(stop));
+  } catch (const drive::Error&) {
+    // "df" shows what was known last.
   }
-  HandlePlain(request, [&](std::stop_token stop) {
-    DriveOf(request).Rename(Number(folder), name, Number(new_folder), new_name,
-                            (flags & RENAME_NOREPLACE) != 0, std::move(stop));
-  });
+  const std::lock_guard lock(space_mutex_);
+  if (answer) space_ = *answer;
+  return space_;
 }
 
-void RefuseLink(fuse_req_t request, fuse_ino_t, fuse_ino_t, const char*) {
-  fuse_reply_err(request, EPERM);
+struct statvfs FileSystem::GetSpace(std::stop_token stop) {
+  const drive::Space space = AskSpace(std::move(stop));
+  const std::uint64_t used = std::min(space.used, space.total);
+  struct statvfs out = {};
+  out.f_bsize = out.f_frsize = static_cast<unsigned long>(kBlockBytes);
+  out.f_blocks = space.total / out.f_frsize;
+  out.f_bfree = out.f_bavail = (space.total - used) / out.f_frsize;
+  // Items are not limited.
+  out.f_files = out.f_ffree = out.f_favail = 1U << 30U;
+  out.f_namemax = 255;
+  return out;
 }
 
-void RefuseSymbolicLink(fuse_req_t request, const char*, fuse_ino_t, const char*) {
-  fuse_reply_err(request, EPERM);
+std::string FileSystem::GetExtended(fuse_ino_t inode, const char* name) const {
+  if (!std::string_view(name).starts_with("user.onedrive4b.")) throw Refusal(ENODATA);
+  const drive::RemoteState state = drive_.StateOf(NumberOf(inode));
+  const std::string value = name == kId      ? state.id
+                            : name == kEtag  ? state.etag
+                            : name == kState ? state.state
+                                             : "";
+  if (value.empty()) throw Refusal(ENODATA);
+  return value;
 }
 
-// Folders. ------------------------------------------------------------------------------------
-
-void OpenFolder(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        drive::Drive& drive = DriveOf(request);
-        auto folder = std::make_unique<FolderHandle>();
-        folder->number = Number(inode);
-        folder->entries = drive.List(folder->number, std::move(stop));
-        folder->parent = drive.Parent(folder->number);
-        return folder;
-      },
-      [&](std::unique_ptr<FolderHandle>& folder) {
-        info->fh = reinterpret_cast<std::uint64_t>(folder.get());
-        if (fuse_reply_open(request, info) == 0) static_cast<void>(folder.release());
-      });
+std::string FileSystem::ListExtended(fuse_ino_t inode) const {
+  const drive::RemoteState state = drive_.StateOf(NumberOf(inode));
+  std::string names;
+  const auto add = [&](std::string_view name, const std::string& value) {
+    if (!value.empty()) names.append(name).push_back('\0');
+  };
+  add(kId, state.id);
+  add(kEtag, state.etag);
+  add(kState, state.state);
+  return names;
 }
 
-/// Offsets count entries: 0 and 1 are "." and "..".
-template <class Add>
-void ReadEntries(fuse_req_t request, std::size_t size, off_t offset, fuse_file_info* info,
-                 const Add& add) {
-  const auto& folder = *PointerOf<const FolderHandle>(info);
-  std::vector<char> buffer(size);
-  std::size_t used = 0;
-  const auto count = static_cast<off_t>(folder.entries.size()) + 2;
-  for (off_t at = offset; at < count; ++at) {
-    const drive::Entry* entry =
-        at < 2 ? nullptr : &folder.entries[static_cast<std::size_t>(at) - 2];
-    const std::size_t needed = add(folder, entry, at, buffer.data() + used, size - used);
-    if (needed > size - used) break;
-    used += needed;
+// Names. --------------------------------------------------------------------------------------
+
+fuse_entry_param FileSystem::Give(fuse_ino_t inode, const drive::Attributes& attributes) {
+  fuse_entry_param entry = {};
+  entry.ino = inode;
+  entry.attr = StatOf(attributes);
+  entry.attr_timeout = entry.entry_timeout = TimeoutOf(inode);
+  inodes_.Remember(inode);
+  return entry;
+}
+
+fuse_entry_param FileSystem::Lookup(fuse_ino_t folder, const char* name, std::stop_token stop) {
+  const drive::Attributes found = drive_.Lookup(NumberOf(folder), name, std::move(stop));
+  const bool kept = drive_.PlaceOf(found.number).name == name;
+  return Give(InodeOf(found.number) | (kept ? 0 : kOtherSpelling), found);
+}
+
+fuse_entry_param FileSystem::MakeFolder(fuse_ino_t folder, const char* name, std::stop_token stop) {
+  const drive::Attributes made = drive_.MakeFolder(NumberOf(folder), name, std::move(stop));
+  return Give(InodeOf(made.number), made);
+}
+
+fuse_entry_param FileSystem::MakeNode(fuse_ino_t folder, const char* name, mode_t mode,
+                                      std::stop_token stop) {
+  if (!S_ISREG(mode)) throw Refusal(EPERM);
+  const drive::Attributes made =
+      drive_.MakeFile(NumberOf(folder), name, IsExecutable(mode), std::move(stop));
+  return Give(InodeOf(made.number), made);
+}
+
+/// The name under which the drive keeps what a program calls `name`; empty when there is nothing.
+std::string FileSystem::KeptName(drive::ItemNumber folder, const char* name,
+                                 std::stop_token stop) const {
+  try {
+    return drive_.PlaceOf(drive_.Lookup(folder, name, std::move(stop)).number).name;
+  } catch (const drive::Error& error) {
+    if (error.reason() != drive::Reason::kNotFound) throw;
+    return "";
   }
-  fuse_reply_buf(request, buffer.data(), used);
 }
 
-const char* NameOf(const drive::Entry* entry, off_t at) {
-  if (entry != nullptr) return entry->name.c_str();
-  return at == 0 ? "." : "..";
+/// The kernel knows that `name` is no longer what it was, but not that `kept` was the same entry.
+void FileSystem::ForgetSpelling(drive::ItemNumber folder, const std::string& kept,
+                                const char* name) {
+  if (!kept.empty() && kept != name) notifier_.EntryChanged(folder, kept);
 }
 
-struct stat ShortStat(const FolderHandle& folder, const drive::Entry* entry, off_t at) {
-  struct stat status = {};
-  const drive::ItemNumber number =
-      entry != nullptr ? entry->attributes.number : (at == 0 ? folder.number : folder.parent);
-  const bool is_file = entry != nullptr && entry->attributes.kind == drive::Kind::kFile;
-  status.st_ino = static_cast<ino_t>(number);
-  status.st_mode = is_file ? S_IFREG : S_IFDIR;
-  return status;
+void FileSystem::RemoveFile(fuse_ino_t folder, const char* name, std::stop_token stop) {
+  const drive::ItemNumber number = NumberOf(folder);
+  const std::string kept = KeptName(number, name, stop);
+  drive_.RemoveFile(number, name, std::move(stop));
+  ForgetSpelling(number, kept, name);
 }
 
-void ReadFolder(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
-                fuse_file_info* info) {
-  ReadEntries(request, size, offset, info,
-              [&](const FolderHandle& folder, const drive::Entry* entry, off_t at, char* to,
-                  std::size_t room) {
-                const struct stat status = ShortStat(folder, entry, at);
-                return fuse_add_direntry(request, to, room, NameOf(entry, at), &status, at + 1);
-              });
+void FileSystem::RemoveFolder(fuse_ino_t folder, const char* name, std::stop_token stop) {
+  const drive::ItemNumber number = NumberOf(folder);
+  const std::string kept = KeptName(number, name, stop);
+  drive_.RemoveFolder(number, name, std::move(stop));
+  ForgetSpelling(number, kept, name);
 }
 
-void ReadFolderPlus(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset,
-                    fuse_file_info* info) {
-  ReadEntries(request, size, offset, info,
-              [&](const FolderHandle& folder, const drive::Entry* entry, off_t at, char* to,
-                  std::size_t room) {
-                fuse_entry_param param{};
-                if (entry != nullptr) {
-                  param = EntryOf(Of(request), entry->attributes);
-                } else {
-                  param.attr = ShortStat(folder, entry, at);
-                }
-                return fuse_add_direntry_plus(request, to, room, NameOf(entry, at), &param, at + 1);
-              });
-}
-
-void CloseFolder(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  delete PointerOf<FolderHandle>(info);
-  fuse_reply_err(request, 0);
-}
-
-void SyncFolder(fuse_req_t request, fuse_ino_t, int, fuse_file_info*) {
-  HandlePlain(request, [&](std::stop_token) { DriveOf(request).SyncNames(); });
+void FileSystem::Rename(const Move& move, std::stop_token stop) {
+  if ((move.flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) throw Refusal(EINVAL);
+  const drive::ItemNumber from = NumberOf(move.from_folder);
+  const drive::ItemNumber to = NumberOf(move.to_folder);
+  const std::string kept_from = KeptName(from, move.from, stop);
+  const std::string kept_to = KeptName(to, move.to, stop);
+  drive_.Rename(from, move.from, to, move.to, (move.flags & RENAME_NOREPLACE) != 0,
+                std::move(stop));
+  ForgetSpelling(from, kept_from, move.from);
+  ForgetSpelling(to, kept_to, move.to);
 }
 
 // Files. --------------------------------------------------------------------------------------
 
-drive::OpenMode ModeOf(int flags) {
-  return {.write = (flags & O_ACCMODE) != O_RDONLY,
-          .truncate = (flags & O_TRUNC) != 0 && (flags & O_ACCMODE) != O_RDONLY};
+void FileSystem::AddHandle(fuse_ino_t inode, std::shared_ptr<drive::OpenFile> file,
+                           fuse_file_info& info) {
+  auto handle = std::make_unique<FileHandle>();
+  handle->inode = inode;
+  handle->caching = inodes_.Open(inode, file->version);
+  handle->file = std::move(file);
+  info.keep_cache = handle->caching == Caching::kKeep;
+  info.direct_io = handle->caching == Caching::kBypass;
+  info.fh = files_.Add(std::move(handle));
 }
 
-void Open(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        return DriveOf(request).Open(Number(inode), ModeOf(info->flags), std::move(stop));
-      },
-      [&](const std::shared_ptr<drive::OpenFile>& file) {
-        SetHandle(Of(request), info, file);
-        if (fuse_reply_open(request, info) != 0) {  // whoever opened it was interrupted
-          DriveOf(request).Close(*file);
-          delete PointerOf<FileHandle>(info);
-        }
-      });
+void FileSystem::Open(fuse_ino_t inode, fuse_file_info& info, std::stop_token stop) {
+  const bool write = (info.flags & O_ACCMODE) != O_RDONLY;
+  const drive::OpenMode mode{.write = write, .truncate = write && (info.flags & O_TRUNC) != 0};
+  AddHandle(inode, drive_.Open(NumberOf(inode), mode, std::move(stop)), info);
 }
 
-void Create(fuse_req_t request, fuse_ino_t folder, const char* name, mode_t mode,
-            fuse_file_info* info) {
-  struct Created {
-    drive::Attributes attributes;
-    std::shared_ptr<drive::OpenFile> file;
-  };
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        drive::Drive& drive = DriveOf(request);
-        Created created;
-        try {
-          created.attributes = drive.MakeFile(Number(folder), name, (mode & S_IXUSR) != 0, stop);
-        } catch (const drive::Error& error) {
-          const bool may_exist = (info->flags & O_EXCL) == 0;
-          if (error.reason() != drive::Reason::kExists || !may_exist) throw;
-          created.attributes = drive.Lookup(Number(folder), name, stop);
-        }
-        created.file = drive.Open(created.attributes.number, ModeOf(info->flags), stop);
-        created.attributes = drive.Get(created.attributes.number);
-        return created;
-      },
-      [&](const Created& created) {
-        SetHandle(Of(request), info, created.file);
-        const fuse_entry_param entry = EntryOf(Of(request), created.attributes);
-        if (fuse_reply_create(request, &entry, info) != 0) {
-          DriveOf(request).Close(*created.file);
-          delete PointerOf<FileHandle>(info);
-        }
-      });
-}
-
-void Read(fuse_req_t request, fuse_ino_t, std::size_t size, off_t offset, fuse_file_info* info) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        std::vector<char> buffer(size);
-        buffer.resize(DriveOf(request).Read(FileOf(info), offset, buffer, std::move(stop)));
-        return buffer;
-      },
-      [&](const std::vector<char>& buffer) {
-        fuse_reply_buf(request, buffer.data(), buffer.size());
-      });
-}
-
-void Write(fuse_req_t request, fuse_ino_t, const char* data, std::size_t size, off_t offset,
-           fuse_file_info* info) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        DriveOf(request).Write(FileOf(info), offset, {data, size}, std::move(stop));
-        return size;
-      },
-      [&](std::size_t written) { fuse_reply_write(request, written); });
-}
-
-void Allocate(fuse_req_t request, fuse_ino_t, int mode, off_t offset, off_t length,
-              fuse_file_info* info) {
-  if ((mode & ~FALLOC_FL_KEEP_SIZE) != 0) {
-    fuse_reply_err(request, EOPNOTSUPP);
-    return;
-  }
-  HandlePlain(request, [&](std::stop_token stop) {
-    DriveOf(request).Allocate(FileOf(info), offset, length, mode != 0, std::move(stop));
-  });
-}
-
-void CopyRange(fuse_req_t request, fuse_ino_t, off_t from, fuse_file_info* from_info, fuse_ino_t,
-               off_t to, fuse_file_info* to_info, std::size_t length, int) {
-  Handle(
-      request,
-      [&](std::stop_token stop) {
-        constexpr std::size_t kPiece = std::size_t{1} << 20U;
-        drive::Drive& drive = DriveOf(request);
-        std::vector<char> piece(std::min(length, kPiece));
-        std::size_t done = 0;
-        while (done < length && !stop.stop_requested()) {
-          const auto at = static_cast<off_t>(done);
-          const std::span<char> part(piece.data(), std::min(piece.size(), length - done));
-          const std::size_t got = drive.Read(FileOf(from_info), from + at, part, stop);
-          if (got == 0) break;
-          drive.Write(FileOf(to_info), to + at, part.first(got), stop);
-          done += got;
-        }
-        return done;
-      },
-      [&](std::size_t copied) { fuse_reply_write(request, copied); });
-}
-
-void Flush(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  HandlePlain(request, [&](std::stop_token) { DriveOf(request).Flush(FileOf(info)); });
-}
-
-void SyncFile(fuse_req_t request, fuse_ino_t, int, fuse_file_info* info) {
-  HandlePlain(request, [&](std::stop_token) { DriveOf(request).SyncFile(FileOf(info)); });
-}
-
-void Close(fuse_req_t request, fuse_ino_t, fuse_file_info* info) {
-  HandlePlain(request, [&](std::stop_token) {
-    const std::unique_ptr<FileHandle> handle(PointerOf<FileHandle>(info));
-    DriveOf(request).Close(*handle->file);
-  });
-}
-
-// The file system as a whole. -----------------------------------------------------------------
-
-void StatFileSystem(fuse_req_t request, fuse_ino_t) {
-  Handle(
-      request, [&](std::stop_token stop) { return Of(request).Space(std::move(stop)); },
-      [&](const drive::Space& space) {
-        struct statvfs status = {};
-        status.f_bsize = status.f_frsize = 4096;
-        status.f_blocks = space.total / status.f_frsize;
-        status.f_bfree = status.f_bavail =
-            (space.total - std::min(space.used, space.total)) / status.f_frsize;
-        status.f_namemax = 255;
-        fuse_reply_statfs(request, &status);
-      });
-}
-
-constexpr const char* kIdAttribute = "user.onedrive4b.id";
-constexpr const char* kTagAttribute = "user.onedrive4b.etag";
-constexpr const char* kStateAttribute = "user.onedrive4b.state";
-
-/// Answers with the bytes, or with how many they are when the caller has no room yet.
-void ReplyAttribute(fuse_req_t request, const std::string& value, std::size_t size) {
-  if (size == 0) {
-    fuse_reply_xattr(request, value.size());
-  } else if (value.size() > size) {
-    fuse_reply_err(request, ERANGE);
-  } else {
-    fuse_reply_buf(request, value.data(), value.size());
-  }
-}
-
-void GetExtended(fuse_req_t request, fuse_ino_t inode, const char* name, std::size_t size) {
-  const std::string wanted = name;
-  if (wanted != kIdAttribute && wanted != kTagAttribute && wanted != kStateAttribute) {
-    fuse_reply_err(request, ENODATA);
-    return;
-  }
-  Handle(
-      request, [&](std::stop_token) { return DriveOf(request).StateOf(Number(inode)); },
-      [&](const drive::RemoteState& state) {
-        const std::string& value = wanted == kIdAttribute    ? state.id
-                                   : wanted == kTagAttribute ? state.etag
-                                                             : state.state;
-        if (value.empty()) {
-          fuse_reply_err(request, ENODATA);
-        } else {
-          ReplyAttribute(request, value, size);
-        }
-      });
-}
-
-void ListExtended(fuse_req_t request, fuse_ino_t inode, std::size_t size) {
-  Handle(
-      request, [&](std::stop_token) { return DriveOf(request).StateOf(Number(inode)); },
-      [&](const drive::RemoteState& state) {
-        std::string names;
-        if (!state.id.empty()) names += std::string(kIdAttribute) + '\0';
-        if (!state.etag.empty()) names += std::string(kTagAttribute) + '\0';
-        names += std::string(kStateAttribute) + '\0';
-        ReplyAttribute(request, names, size);
-      });
-}
-
-void RefuseExtended(fuse_req_t request, fuse_ino_t, const char*, const char*, std::size_t, int) {
-  fuse_reply_err(request, EOPNOTSUPP);
-}
-
-void Initialize(void*, fuse_conn_info* connection) {
-  connection->want &= ~static_cast<unsigned>(FUSE_CAP_WRITEBACK_CACHE);
-  for (const auto wanted : {FUSE_CAP_ATOMIC_O_TRUNC, FUSE_CAP_READDIRPLUS,
-                            FUSE_CAP_READDIRPLUS_AUTO, FUSE_CAP_PARALLEL_DIROPS}) {
-    connection->want |= connection->capable & static_cast<unsigned>(wanted);
-  }
-  connection->max_readahead = 1U << 20U;
-}
-
-fuse_lowlevel_ops MakeOperations() {
-  fuse_lowlevel_ops operations{};
-  operations.init = Initialize;
-  operations.lookup = Lookup;
-  operations.getattr = GetAttributes;
-  operations.setattr = SetAttributes;
-  operations.mknod = MakeNode;
-  operations.mkdir = MakeFolder;
-  operations.unlink = RemoveFile;
-  operations.rmdir = RemoveFolder;
-  operations.rename = Rename;
-  operations.link = RefuseLink;
-  operations.symlink = RefuseSymbolicLink;
-  operations.opendir = OpenFolder;
-  operations.readdir = ReadFolder;
-  operations.readdirplus = ReadFolderPlus;
-  operations.releasedir = CloseFolder;
-  operations.fsyncdir = SyncFolder;
-  operations.open = Open;
-  operations.create = Create;
-  operations.read = Read;
-  operations.write = Write;
-  operations.fallocate = Allocate;
-  operations.copy_file_range = CopyRange;
-  operations.flush = Flush;
-  operations.fsync = SyncFile;
-  operations.release = Close;
-  operations.statfs = StatFileSystem;
-  operations.getxattr = GetExtended;
-  operations.listxattr = ListExtended;
-  operations.setxattr = RefuseExtended;
-  return operations;
-}
-
-timespec ToTimespec(drive::FileTime time) {
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-  return {.tv_sec = seconds.time_since_epoch().count(), .tv_nsec = (time - seconds).count()};
-}
-
-}  // namespace
-
-const fuse_lowlevel_ops& FileSystem::Operations() {
-  static const fuse_lowlevel_ops operations = MakeOperations();
-  return operations;
-}
-
-struct stat FileSystem::Stat(const drive::Attributes& attributes) const {
-  struct stat status = {};
-  const bool file = attributes.kind == drive::Kind::kFile;
-  mode_t mode = file ? 0666 : 0777;
-  if (file && attributes.executable) mode |= 0111;
-  mode &= ~options_.umask;
-  if (!attributes.writable) mode &= ~static_cast<mode_t>(0222);
-  status.st_mode = mode | (file ? S_IFREG : S_IFDIR);
-  status.st_ino = static_cast<ino_t>(attributes.number);
-  status.st_nlink = 1;
-  status.st_uid = options_.uid;
-  status.st_gid = options_.gid;
-  status.st_size = attributes.size;
-  status.st_blksize = 4096;
-  status.st_blocks = (attributes.size + 511) / 512;
-  status.st_mtim = status.st_atim = ToTimespec(attributes.modified);
-  status.st_ctim = ToTimespec(attributes.changed);
-  return status;
-}
-
-bool FileSystem::KeepsCache(drive::ItemNumber number, std::int64_t version) {
-  const std::lock_guard lock(mutex_);
-  const auto [entry, fresh] = versions_.emplace(number, version);
-  if (!fresh && entry->second == version) return true;
-  entry->second = version;
-  return false;
-}
-
-drive::Space FileSystem::Space(std::stop_token stop) {
-  const auto now = std::chrono::steady_clock::now();
-  {
-    const std::lock_guard lock(mutex_);
-    if (space_.total != 0 && now - space_time_ < std::chrono::minutes(1)) return space_;
-  }
-  drive::Space space;
+fuse_entry_param FileSystem::Create(fuse_ino_t folder, const char* name, mode_t mode,
+                                    fuse_file_info& info, std::stop_token stop) {
+  const drive::ItemNumber number = NumberOf(folder);
+  fuse_entry_param entry = {};
   try {
-    space = drive_.SpaceOf(std::move(stop));
+    const drive::Attributes made = drive_.MakeFile(number, name, IsExecutable(mode), stop);
+    entry = Give(InodeOf(made.number), made);
   } catch (const drive::Error& error) {
-    if (error.reason() == drive::Reason::kInterrupted) throw;
-    const std::lock_guard lock(mutex_);
-    if (space_.total != 0) return space_;
-    // Programs that look for room before they write must not be stopped by an outage.
-    return {.total = std::uint64_t{1} << 40U, .used = 0};
+    // The file came to be since the kernel looked for it.
+    if (error.reason() != drive::Reason::kExists || (info.flags & O_EXCL) != 0) throw;
+    entry = Lookup(folder, name, stop);
   }
-  const std::lock_guard lock(mutex_);
-  space_ = space;
-  space_time_ = now;
-  return space;
+  try {
+    Open(entry.ino, info, std::move(stop));
+  } catch (...) {
+    inodes_.Forget(entry.ino, 1);
+    throw;
+  }
+  return entry;
+}
+
+std::size_t FileSystem::Read(const fuse_file_info& info, off_t offset, std::span<char> to,
+                             std::stop_token stop) {
+  return drive_.Read(*files_.At(info.fh).file, offset, to, std::move(stop));
+}
+
+void FileSystem::Write(const fuse_file_info& info, off_t offset, std::span<const char> data,
+                       std::stop_token stop) {
+  const FileHandle& handle = files_.At(info.fh);
+  drive_.Write(*handle.file, offset, data, std::move(stop));
+  // What was written around the kernel's cache is not in the pages that it has of the file.
+  if (handle.caching == Caching::kBypass) notifier_.FileChanged(handle.file->number);
+}
+
+void FileSystem::Allocate(const fuse_file_info& info, int mode, off_t offset, off_t length,
+                          std::stop_token stop) {
+  if ((mode & ~FALLOC_FL_KEEP_SIZE) != 0) throw Refusal(EOPNOTSUPP);
+  drive_.Allocate(*files_.At(info.fh).file, offset, length, mode != 0, std::move(stop));
+}
+
+std::size_t FileSystem::CopyRange(const Copy& copy, std::stop_token stop) {
+  drive::OpenFile& from = *files_.At(copy.from.fh).file;
+  drive::OpenFile& to = *files_.At(copy.to.fh).file;
+  const std::size_t length = std::min(copy.length, kCopyBytes);
+  std::vector<char> buffer(std::min<std::size_t>(length, 1 << 20));
+  std::size_t done = 0;
+  while (done < length) {
+    const auto at = static_cast<off_t>(done);
+    const auto piece = std::span(buffer).first(std::min(buffer.size(), length - done));
+    const std::size_t got = drive_.Read(from, copy.from_offset + at, piece, stop);
+    if (got == 0) break;
+    drive_.Write(to, copy.to_offset + at, piece.first(got), stop);
+    done += got;
+  }
+  return done;
+}
+
+void FileSystem::Flush(const fuse_file_info& info) { drive_.Flush(*files_.At(info.fh).file); }
+
+void FileSystem::Sync(const fuse_file_info& info) { drive_.SyncFile(*files_.At(info.fh).file); }
+
+void FileSystem::Release(const fuse_file_info& info) noexcept {
+  if (const std::unique_ptr<FileHandle> handle = files_.Take(info.fh)) Close(*handle);
+}
+
+void FileSystem::Close(FileHandle& handle) noexcept {
+  inodes_.Close(handle.inode, handle.caching);
+  try {
+    drive_.Close(*handle.file);
+  } catch (const drive::Error&) {
+    // Nobody is there to be told; size and content are found in the local copy at the next start.
+  }
+}
+
+// Folders. ------------------------------------------------------------------------------------
+
+void FileSystem::OpenFolder(fuse_ino_t inode, fuse_file_info& info, std::stop_token stop) {
+  auto handle = std::make_unique<FolderHandle>();
+  handle->number = NumberOf(inode);
+  handle->entries = drive_.List(handle->number, std::move(stop));
+  info.fh = folders_.Add(std::move(handle));
+}
+
+FileSystem::Listing FileSystem::ReadFolder(fuse_req_t request, const fuse_file_info& info,
+                                           off_t offset, std::size_t size, bool plus,
+                                           std::stop_token stop) {
+  FolderHandle& folder = folders_.At(info.fh);
+  const std::lock_guard lock(folder.mutex);
+  if (offset == 0 && !folder.fresh) folder.entries = drive_.List(folder.number, std::move(stop));
+  folder.fresh = false;
+  Listing listing;
+  listing.buffer.resize(size);
+  std::size_t used = 0;
+  for (off_t at = offset; at < std::ssize(folder.entries) + 2; ++at) {
+    const auto rest = std::span(listing.buffer).subspan(used);
+    fuse_ino_t given = 0;
+    const std::size_t needed = AddEntry(request, folder, at, plus, rest, given);
+    if (needed > rest.size()) break;
+    if (given != 0) listing.given.push_back(given);
+    used += needed;
+  }
+  listing.buffer.resize(used);
+  return listing;
+}
+
+/// The bytes that the entry needs; it is written when they are there. Entries 0 and 1 are the
+/// folder itself and the one above it.
+std::size_t FileSystem::AddEntry(fuse_req_t request, const FolderHandle& folder, off_t offset,
+                                 bool plus, std::span<char> to, fuse_ino_t& given) {
+  static constexpr std::array<const char*, 2> kDots = {".", ".."};
+  const auto index = static_cast<std::size_t>(offset);
+  const drive::Entry* entry = index < kDots.size() ? nullptr : &folder.entries[index - 2];
+  const char* name = entry != nullptr ? entry->name.c_str() : kDots[index];
+  fuse_entry_param param = {};
+  param.attr.st_mode = S_IFDIR;
+  param.attr.st_ino = InodeOf(folder.number);
+  if (index == 1) param.attr.st_ino = InodeOf(drive_.PlaceOf(folder.number).parent);
+  if (entry != nullptr) param.attr = StatOf(entry->attributes);
+  if (!plus) {
+    return fuse_add_direntry(request, to.data(), to.size(), name, &param.attr, offset + 1);
+  }
+  if (fuse_add_direntry_plus(request, nullptr, 0, name, &param, 0) <= to.size() && entry) {
+    try {
+      // As it is now: the kernel would believe an old size.
+      param = Give(param.attr.st_ino, drive_.Get(entry->attributes.number));
+      given = param.ino;
+    } catch (const drive::Error&) {
+      // It is gone: without an inode the name is shown and nothing cached.
+    }
+  }
+  return fuse_add_direntry_plus(request, to.data(), to.size(), name, &param, offset + 1);
 }
 
 }  // namespace mounted

@@ -2,71 +2,75 @@
 
 #include <utility>
 
-#include "mount/fuse.h"
-
 namespace mounted {
 
 void Notifier::Start(fuse_session* session) {
   session_ = session;
+  const std::lock_guard lock(mutex_);
+  running_ = true;
   thread_ = std::thread([this] { Run(); });
 }
 
 void Notifier::Stop() {
   {
     const std::lock_guard lock(mutex_);
-    ending_ = true;
+    running_ = false;
+    notes_.clear();
+    changed_.notify_all();
   }
-  changed_.notify_all();
   if (thread_.joinable()) thread_.join();
 }
 
-void Notifier::Add(Note note) {
+void Notifier::EntryChanged(drive::ItemNumber folder, const std::string& name) {
+  Take({.folder = InodeOf(folder), .name = name});
+}
+
+void Notifier::EntryGone(drive::ItemNumber folder, const std::string& name,
+                         drive::ItemNumber number) {
+  Take({.folder = InodeOf(folder), .name = name, .inode = InodeOf(number)});
+}
+
+void Notifier::FileChanged(drive::ItemNumber number) { Take({.inode = InodeOf(number)}); }
+
+void Notifier::Take(Note note) {
   const std::lock_guard lock(mutex_);
-  if (session_ == nullptr || ending_) return;  // the kernel knows nothing yet, or no longer
+  if (!running_) return;
   notes_.push_back(std::move(note));
-  changed_.notify_one();
+  changed_.notify_all();
 }
 
 void Notifier::Run() {
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [&] { return ending_ || !notes_.empty(); });
-    if (ending_) return;
+    changed_.wait(lock, [this] { return !running_ || !notes_.empty(); });
+    if (!running_) return;
     const Note note = std::move(notes_.front());
     notes_.pop_front();
     lock.unlock();
-    note(session_);
+    Tell(note);
     lock.lock();
   }
 }
 
-// The results of the calls do not matter: what the kernel does not know it cannot forget.
-
-void Notifier::EntryChanged(drive::ItemNumber folder, const std::string& name) {
-  Add([folder, name](fuse_session* session) {
-    fuse_lowlevel_notify_inval_entry(session, static_cast<fuse_ino_t>(folder), name.c_str(),
-                                     name.size());
-    fuse_lowlevel_notify_inval_inode(session, static_cast<fuse_ino_t>(folder), 0, 0);
-  });
-}
-
-void Notifier::EntryGone(drive::ItemNumber folder, const std::string& name,
-                         drive::ItemNumber number) {
-  Add([folder, name, number](fuse_session* session) {
-    const auto parent = static_cast<fuse_ino_t>(folder);
-    const int result = fuse_lowlevel_notify_delete(session, parent, static_cast<fuse_ino_t>(number),
-                                                   name.c_str(), name.size());
-    if (result != 0) {
-      fuse_lowlevel_notify_inval_entry(session, parent, name.c_str(), name.size());
+/// Failures mean that the kernel has nothing cached, or has ended the session.
+void Notifier::Tell(const Note& note) const {
+  if (note.folder == 0) {
+    for (const fuse_ino_t inode : {note.inode, note.inode | kOtherSpelling}) {
+      if (inodes_.IsKnown(inode)) fuse_lowlevel_notify_inval_inode(session_, inode, 0, 0);
     }
-    fuse_lowlevel_notify_inval_inode(session, parent, 0, 0);
-  });
-}
-
-void Notifier::FileChanged(drive::ItemNumber number) {
-  Add([number](fuse_session* session) {
-    fuse_lowlevel_notify_inval_inode(session, static_cast<fuse_ino_t>(number), 0, 0);
-  });
+    return;
+  }
+  for (const fuse_ino_t folder : {note.folder, note.folder | kOtherSpelling}) {
+    if (!inodes_.IsKnown(folder)) continue;
+    const char* name = note.name.c_str();
+    const std::size_t length = note.name.size();
+    if (note.inode != 0 && inodes_.IsKnown(note.inode)) {
+      fuse_lowlevel_notify_delete(session_, folder, note.inode, name, length);
+    }
+    fuse_lowlevel_notify_inval_entry(session_, folder, name, length);
+    // Its time, and the entries of folders that are open in file managers.
+    fuse_lowlevel_notify_inval_inode(session_, folder, 0, 0);
+  }
 }
 
 }  // namespace mounted

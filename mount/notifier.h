@@ -1,30 +1,33 @@
-// Notifier: tells the kernel what changed without it: its caches of entries and pages.
+// Notifier: tells the kernel what changed without its doing, so that it drops what it cached.
 //
-// The drive calls it with its lock held, so it only takes a note; a thread of its own calls the
-// kernel, which may answer by waiting for requests of the file system.
+// The kernel may hold a folder's lock while it waits for an answer of ours, and a notification
+// waits for that lock: so notes are written by a thread of their own, never while a request
+// is answered, and never with a lock of ours held.
 //
-// Threads: every operation may be called from any thread.
+// Threads: notes may be taken from any thread, with any lock held; Start and Stop by the owner.
+// Lifetime: `inodes` must outlive it, the session must last from Start to Stop. Stop must be called
+// while requests are still answered: a notification may wait for an answer.
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "drive/watcher.h"
-
-struct fuse_session;
+#include "mount/fuse.h"
+#include "mount/inodes.h"
 
 namespace mounted {
 
 class Notifier final : public drive::Watcher {
  public:
-  Notifier() = default;
+  explicit Notifier(const Inodes& inodes) : inodes_(inodes) {}
   ~Notifier() override { Stop(); }
 
-  /// From here on notes go to the kernel. The session must live until Stop has returned.
+  /// Notes that were taken before are dropped: the kernel has cached nothing yet.
   void Start(fuse_session* session);
   void Stop();
 
@@ -34,16 +37,22 @@ class Notifier final : public drive::Watcher {
   void FileChanged(drive::ItemNumber number) override;
 
  private:
-  using Note = std::function<void(fuse_session*)>;
+  struct Note {
+    fuse_ino_t folder = 0;  ///< 0: about the file `inode` itself
+    std::string name = {};
+    fuse_ino_t inode = 0;  ///< with a folder: what is gone; 0: only the name changed
+  };
 
-  void Add(Note note);
+  void Take(Note note);
   void Run();
+  void Tell(const Note& note) const;
 
+  const Inodes& inodes_;
+  fuse_session* session_ = nullptr;
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Note> notes_;           ///< guarded by mutex_
-  fuse_session* session_ = nullptr;  ///< guarded by mutex_
-  bool ending_ = false;              ///< guarded by mutex_
+  std::deque<Note> notes_;
+  bool running_ = false;
   std::thread thread_;
 };
 

@@ -1,16 +1,34 @@
 #include "mount/session.h"
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include <sys/mount.h>
-
 #include "host/failure.h"
 #include "host/text.h"
+#include "mount/operations.h"
 
 namespace mounted {
+namespace {
+
+/// So many requests may wait for the service before others have to wait as well.
+constexpr unsigned kMostThreads = 128;
+constexpr unsigned kIdleThreads = 8;
+
+/// Wakes the thread that runs the session: libfuse looks at the end only when a signal interrupts
+/// its wait.
+constexpr int kWakeSignal = SIGUSR1;
+
+void HandleWakeSignal() {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  ::sigaction(kWakeSignal, &action, nullptr);
+}
+
+}  // namespace
 
 std::string CheckMountPoint(const std::string& path) {
   using host::Failure;
@@ -36,7 +54,7 @@ std::string CheckMountPoint(const std::string& path) {
 }
 
 Session::Session(FileSystem& system, Notifier& notifier, const SessionOptions& options)
-    : notifier_(notifier), mount_point_(options.mount_point) {
+    : system_(system), notifier_(notifier) {
   std::string settings = "fsname=onedrive4b,subtype=onedrive4b,default_permissions";
   if (options.read_only) settings += ",ro";
   if (options.allow_other) settings += ",allow_other";
@@ -45,41 +63,53 @@ Session::Session(FileSystem& system, Notifier& notifier, const SessionOptions& o
   arguments.reserve(texts.size());
   for (std::string& text : texts) arguments.push_back(text.data());
   fuse_args args = FUSE_ARGS_INIT(static_cast<int>(arguments.size()), arguments.data());
-  session_.reset(
-      fuse_session_new(&args, &FileSystem::Operations(), sizeof(fuse_lowlevel_ops), &system));
+  const fuse_lowlevel_ops operations = Operations();
+  session_.reset(fuse_session_new(&args, &operations, sizeof operations, &system));
   fuse_opt_free_args(&args);
-  const auto fail = [&] {
-    throw host::Failure(host::FailureKind::kLocal, "cannot mount at " + host::Quoted(mount_point_),
+  if (!session_ || fuse_session_mount(session_.get(), options.mount_point.c_str()) != 0) {
+    throw host::Failure(host::FailureKind::kLocal,
+                        "cannot mount at " + host::Quoted(options.mount_point),
                         "see the message of fusermount3 above; is /dev/fuse there, and fuse3 "
                         "installed?");
-  };
-  if (!session_) fail();
-  if (fuse_session_mount(session_.get(), mount_point_.c_str()) != 0) fail();
-  mounted_ = true;
+  }
   notifier_.Start(session_.get());
 }
 
 Session::~Session() {
-  End();
   notifier_.Stop();
+  // Lazily, so that a program that has files open cannot keep the process here. No thread reads
+  // from the kernel any more, so its descriptor can be closed.
+  fuse_session_unmount(session_.get());
 }
 
 void Session::Run() {
-  fuse_loop_config* config = fuse_loop_cfg_create();
-  fuse_loop_cfg_set_max_threads(config, 32);
-  fuse_loop_cfg_set_clone_fd(config, 0);
-  fuse_session_loop_mt(session_.get(), config);
-  fuse_loop_cfg_destroy(config);
+  HandleWakeSignal();
+  {
+    const std::lock_guard lock(mutex_);
+    runner_ = ::pthread_self();
+  }
+  const std::unique_ptr<fuse_loop_config, decltype(&fuse_loop_cfg_destroy)> config(
+      fuse_loop_cfg_create(), fuse_loop_cfg_destroy);
+  fuse_loop_cfg_set_max_threads(config.get(), kMostThreads);
+  fuse_loop_cfg_set_idle_threads(config.get(), kIdleThreads);
+  fuse_session_loop_mt(session_.get(), config.get());
+  const std::lock_guard lock(mutex_);
+  ended_ = true;
+  changed_.notify_all();
 }
 
 void Session::End() {
-  if (!mounted_.exchange(false)) return;
-  // Notes to the kernel wait for a kernel that answers: they end first.
+  system_.requests().StopAll();
+  // Notes to the kernel may wait for answers: they end while there are some.
   notifier_.Stop();
   fuse_session_exit(session_.get());
-  // Lazily, so that a program that has files open cannot keep the process here.
-  ::umount2(mount_point_.c_str(), MNT_DETACH);
-  fuse_session_unmount(session_.get());
+  std::unique_lock lock(mutex_);
+  // The signal may come just before the wait that it is to interrupt, so one is not enough.
+  constexpr std::chrono::milliseconds kPause(20);
+  while (!ended_) {
+    if (runner_) ::pthread_kill(*runner_, kWakeSignal);
+    changed_.wait_for(lock, kPause, [this] { return ended_; });
+  }
 }
 
 }  // namespace mounted
