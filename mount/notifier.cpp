@@ -46,14 +46,16 @@ void Notifier::Run() {
     if (!running_) return;
     const Note note = std::move(notes_.front());
     notes_.pop_front();
+    // A listing makes many notes of one folder; the folder itself is told of once.
+    const bool last = notes_.empty() || notes_.front().folder != note.folder;
     lock.unlock();
-    Tell(note);
+    Tell(note, last);
     lock.lock();
   }
 }
 
 /// Failures mean that the kernel has nothing cached, or has ended the session.
-void Notifier::Tell(const Note& note) const {
+void Notifier::Tell(const Note& note, bool last) const {
   if (note.folder == 0) {
     for (const fuse_ino_t inode : {note.inode, note.inode | kOtherSpelling}) {
       if (inodes_.IsKnown(inode)) fuse_lowlevel_notify_inval_inode(session_, inode, 0, 0);
@@ -68,8 +70,7 @@ void Notifier::Tell(const Note& note) const {
       fuse_lowlevel_notify_delete(session_, folder, note.inode, name, length);
     }
     fuse_lowlevel_notify_inval_entry(session_, folder, name, length);
-    // Its time, and the entries of folders that are open in file managers.
-    fuse_lowlevel_notify_inval_inode(session_, folder, 0, 0);
+    if (last) fuse_lowlevel_notify_inval_inode(session_, folder, 0, 0);
   }
 }
 

@@ -45,7 +45,7 @@ class Notifier final : public drive::Watcher {
 
   void Take(Note note);
   void Run();
-  void Tell(const Note& note) const;
+  void Tell(const Note& note, bool last) const;
 
   const Inodes& inodes_;
   fuse_session* session_ = nullptr;
