@@ -22,6 +22,7 @@
 #include "host/text.h"
 #include "mount/control.h"
 #include "mount/file_system.h"
+#include "mount/mount_point.h"
 #include "mount/notifier.h"
 
 namespace cli {
@@ -218,9 +219,9 @@ class Desk {
   void Unmount(bool now, std::chrono::milliseconds time,
                const mounted::ControlServer::Reply& reply) {
     if (!now && !Sync(time, reply)) return;
-    session_.End();
+    if (now) session_.End();
     Json::Value line(Json::objectValue);
-    line["unmounted"] = true;
+    line["sent"] = true;
     line["pid"] = Json::Int64{::getpid()};
     reply(line);
   }
@@ -296,17 +297,7 @@ Json::Value Question(const Options& options, const char* command) {
   return question;
 }
 
-std::string MountPointOf(const Options& options) {
-  // A mount that has died cannot be looked at, but its parent can.
-  std::error_code error;
-  const std::filesystem::path absolute =
-      std::filesystem::absolute(options.local).lexically_normal();
-  std::filesystem::path found = std::filesystem::canonical(absolute, error);
-  if (error) found = absolute;
-  std::string text = found;
-  if (text.size() > 1 && text.back() == '/') text.pop_back();
-  return text;
-}
+std::string MountPointOf(const Options& options) { return mounted::MountPointOf(options.local); }
 
 void ShowStatus(const Options& options) {
   Json::Value status;
@@ -334,11 +325,24 @@ void SyncDrive(const Options& options) {
   if (!last.isObject() || !last["done"].asBool()) FailWithRest(last);
 }
 
+/// False when nobody serves the mount any more.
+bool AskToEnd(const Options& options, Json::Value& last) {
+  try {
+    mounted::AskMount(MountPointOf(options), Question(options, "unmount"),
+                      [&](const Json::Value& line) { last = line; });
+    return true;
+  } catch (const Failure&) {
+    if (!mounted::IsMounted(MountPointOf(options))) throw;
+    return false;
+  }
+}
+
 void UnmountDrive(const Options& options) {
   Json::Value last;
-  mounted::AskMount(MountPointOf(options), Question(options, "unmount"),
-                    [&](const Json::Value& line) { last = line; });
-  if (!last.isObject() || !last["unmounted"].asBool()) FailWithRest(last);
+  // What a process left that has died is in the list for the next mount.
+  if (!AskToEnd(options, last)) return mounted::Unmount(MountPointOf(options));
+  if (!last.isObject() || !last["sent"].asBool()) FailWithRest(last);
+  if (!options.mount.now) mounted::Unmount(MountPointOf(options));
   // The state folder is free for the next mount only when the process has ended.
   const auto process = static_cast<pid_t>(last["pid"].asInt64());
   for (int i = 0; i < 1000 && ::kill(process, 0) == 0; ++i) {

@@ -31,6 +31,7 @@
 #include "host/session.h"
 #include "host/text.h"
 #include "host/value_store.h"
+#include "mount/mount_point.h"
 
 namespace cli {
 namespace {

@@ -136,10 +136,10 @@ struct statvfs FileSystem::GetSpace(std::stop_token stop) {
 std::string FileSystem::GetExtended(fuse_ino_t inode, const char* name) const {
   if (!std::string_view(name).starts_with("user.onedrive4b.")) throw Refusal(ENODATA);
   const drive::RemoteState state = drive_.StateOf(NumberOf(inode));
-  const std::string value = name == kId      ? state.id
-                            : name == kEtag  ? state.etag
-                            : name == kState ? state.state
-                                             : "";
+  std::string value = name == kId      ? state.id
+                      : name == kEtag  ? state.etag
+                      : name == kState ? state.state
+                                       : "";
   if (value.empty()) throw Refusal(ENODATA);
   return value;
 }

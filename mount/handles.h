@@ -36,7 +36,8 @@ class Handles {
   std::unique_ptr<Handle> TakeAny() {
     const std::lock_guard lock(mutex_);
     if (handles_.empty()) return nullptr;
-    return std::move(handles_.extract(handles_.begin()).mapped());
+    auto taken = handles_.extract(handles_.begin());
+    return std::move(taken.mapped());
   }
 
  private:

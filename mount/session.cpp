@@ -1,9 +1,7 @@
 #include "mount/session.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -29,29 +27,6 @@ void HandleWakeSignal() {
 }
 
 }  // namespace
-
-std::string CheckMountPoint(const std::string& path) {
-  using host::Failure;
-  using host::FailureKind;
-  std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::canonical(path, error);
-  if (error.value() == ENOTCONN) {
-    throw Failure(FailureKind::kUsage, host::Quoted(path) + " holds a mount that has died",
-                  "run 'fusermount3 -u " + path + "' first");
-  }
-  if (error)
-    throw Failure(FailureKind::kUsage,
-                  "the mount point " + host::Quoted(path) + " cannot be used: " + error.message());
-  if (!std::filesystem::is_directory(absolute, error)) {
-    throw Failure(FailureKind::kUsage,
-                  "the mount point " + host::Quoted(path) + " is not a folder");
-  }
-  if (!std::filesystem::is_empty(absolute, error) || error) {
-    throw Failure(FailureKind::kUsage,
-                  "the mount point " + host::Quoted(path) + " is not an empty folder");
-  }
-  return absolute;
-}
 
 Session::Session(FileSystem& system, Notifier& notifier, const SessionOptions& options)
     : system_(system), notifier_(notifier) {

@@ -54,8 +54,4 @@ class Session {
   bool ended_ = false;               ///< guarded by mutex_
 };
 
-/// Throws host::Failure, kUsage, unless the path is an empty folder that nothing is mounted on.
-/// Returns its absolute form.
-std::string CheckMountPoint(const std::string& path);
-
 }  // namespace mounted

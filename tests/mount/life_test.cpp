@@ -39,7 +39,25 @@ TEST_F(LifeTest, WhatCannotBeMountedIsRefused) {
   EXPECT_NE(used.err.find("in use"), std::string::npos) << used.err;
   EXPECT_NE(Run(MountArguments()).code, 0);
   EXPECT_TRUE(IsMounted());
+
+  // Nor is it unmounted under a program that uses it, unless that is wanted.
+  base::UniqueFd file(::open((mount_ / "file").c_str(), O_WRONLY | O_CREAT, 0644));
+  const cli::Outcome busy = Run({"unmount", mount_.string()});
+  EXPECT_NE(busy.code, 0);
+  EXPECT_NE(busy.err.find("in use"), std::string::npos) << busy.err;
+  EXPECT_TRUE(IsMounted());
+  file.Close();
   EXPECT_EQ(Status()["pending"], 0);
+}
+
+TEST_F(LifeTest, DeadMountsAreCleanedUp) {
+  for (const bool again : {false, true}) {
+    Mount();
+    ::kill(Server(), SIGKILL);
+    EXPECT_TRUE(Eventually([&] { return Server() == 0; }));
+    again ? Mount() : Unmount();
+    EXPECT_EQ(fs::exists(mount_), true);
+  }
 }
 
 // However it ends, the program is gone within seconds, also when files are open and when requests
@@ -95,7 +113,6 @@ TEST_F(LifeTest, EveryEndKeepsWhatWasWritten) {
       std::error_code error;
       EXPECT_FALSE(fs::exists(mount_ / closed, error));
       EXPECT_EQ(error.value(), ENOTCONN);
-      unmount();
     }
     Mount();
     EXPECT_EQ(Read(mount_ / closed), "closed");
