@@ -83,6 +83,13 @@ std::string HostName() {
   return name.data();
 }
 
+/// Whose drive it is, and with which top. Names of people are not unique, drives are.
+std::string AccountOf(const MountContext& context) {
+  const std::string shown = context.options.hide_shared ? ", without what is shared" : "";
+  const std::string drive = context.items.Describe("root", "the drive").id;
+  return context.items.UserName() + " (drive " + drive + shown + ")";
+}
+
 mode_t CurrentUmask() {
   const mode_t mask = ::umask(077);
   return mask;  // files of the state folder are nobody else's business from here on
@@ -370,7 +377,7 @@ void MountDrive(const MountContext& context) {
   try {
     drive::DriveOptions settings;
     settings.state = state;
-    settings.account = context.online ? context.items.UserName() : "";
+    if (context.online) settings.account = AccountOf(context);
     settings.host = HostName();
     settings.read_only = options.mount.read_only;
     settings.cache_limit = options.mount.cache_limit;

@@ -50,6 +50,24 @@ TEST_F(LifeTest, WhatCannotBeMountedIsRefused) {
   EXPECT_EQ(Status()["pending"], 0);
 }
 
+// Its unsent changes would end up in the wrong drive.
+TEST_F(LifeTest, TheStateOfAnotherDriveIsRefused) {
+  Mount();
+  Unmount();
+  emulator::Service other(Options());
+  Json::Value file = *base::ParseJson(Read(service_file_));
+  file["token_url"] = other.TokenUrl();
+  file["discovery_url"] = other.DiscoveryUrl();
+  file["discovery_resource"] = other.DiscoveryResource();
+  file["refresh_token"] = other.IssueRefreshToken();
+  const std::string named = Write("other.json", base::CompactJson(file)).string();
+  const cli::Outcome outcome =
+      Run({"--service-file", named, "--no-shared", "mount", mount_.string()});
+  EXPECT_EQ(outcome.code, 6) << outcome.err;
+  EXPECT_NE(outcome.err.find("belongs to the account"), std::string::npos) << outcome.err;
+  EXPECT_FALSE(IsMounted());
+}
+
 TEST_F(LifeTest, DeadMountsAreCleanedUp) {
   for (const bool again : {false, true}) {
     Mount();
