@@ -1,5 +1,6 @@
 #include "drive/core.h"
 
+#include <iterator>
 #include <utility>
 
 #include "drive/names.h"
@@ -68,6 +69,24 @@ void Core::WaitFor(Lock& lock, std::stop_token stop, const std::function<bool()>
     if (clock.Now() >= until) throw Error(Reason::kUnreachable, "the service gives no answer");
     work.Wait(lock, until, stop);
   }
+}
+
+void Core::PassAnswers(ItemNumber from, ItemNumber to) {
+  // Those to steps of other items, which it had taken over itself.
+  for (auto heir = heirs.begin(); heir != heirs.end();) {
+    auto& [step, owner] = *heir;
+    const bool passed = owner == from;
+    if (passed) {
+      busy.erase(busy.find(from));
+      owner = to;
+      if (step != to) busy.insert(to);
+    }
+    heir = passed && step == to ? heirs.erase(heir) : std::next(heir);
+  }
+  // That to its own step.
+  if (!busy.contains(from) || heirs.contains(from)) return;
+  heirs[from] = to;
+  busy.insert(to);
 }
 
 std::string Core::PathOf(const Place& place) {

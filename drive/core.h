@@ -37,6 +37,9 @@ struct Core {
   /// patience is over. `done` runs with the lock held.
   void WaitFor(Lock& lock, std::stop_token stop, const std::function<bool()>& done);
 
+  /// `to` took over what the service has of `from`: so the answers that `from` waits for are its.
+  void PassAnswers(ItemNumber from, ItemNumber to);
+
   /// Path below the top, "/" first, for people and for the length limit.
   std::string PathOf(const Place& place);
 
@@ -56,8 +59,8 @@ struct Core {
   Answers answers;
   Connection connection;
   std::multiset<ItemNumber> busy;  ///< items that a change is being sent of
-  /// Busy items whose place at the service another item took over meanwhile: what the service
-  /// answers is that item's.
+  /// Whose the answer to a step is, where another item took over what the service has of the step's
+  /// item meanwhile. Such an owner is busy, too.
   std::map<ItemNumber, ItemNumber> heirs;
   Contents* contents = nullptr;
   /// Has the service asked for an item that may not be what the catalog says. Needs the lock.

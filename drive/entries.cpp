@@ -245,13 +245,9 @@ void Entries::PassIdentity(Change& change, Item& from, Item& to) {
     contents_.MarkDirty(change, to);
     to.copy_etag = seen;
   }
-  if (core_.busy.contains(from.number)) {
-    // Whose answer it will be; that item waits until then.
-    change.Then([this, from_number = from.number, to_number = to.number] {
-      core_.heirs[from_number] = to_number;
-      core_.busy.insert(to_number);
-    });
-  }
+  change.Then([this, from_number = from.number, to_number = to.number] {
+    core_.PassAnswers(from_number, to_number);
+  });
 }
 
 }  // namespace drive
