@@ -105,8 +105,10 @@ void Contents::CloseContent(const ContentPointer& content) {
     change.Commit();
   }
   if (content->openers > 0) return;
+  const std::optional<Item> item = core_.catalog.Find(content->number);
+  if (item && item->IsRemoved())
+    core_.work.WakeAt(core_.clock.Now());  // its removal may have waited
   Release(content);
-  core_.work.WakeAt(core_.clock.Now());  // a removal may have waited for this
 }
 
 /// The last user of a content went: what nobody needs any more goes, too.

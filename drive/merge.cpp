@@ -169,8 +169,9 @@ void Merge::Gone(Item item) {
       if (!IsBusy(core_, child)) Gone(std::move(child));
     }
   }
-  const bool stays = !item.IsRemoved() &&
-                     (item.dirty || core_.catalog.HasEntries(item.number) || IsBusy(core_, item));
+  // A file without a change of its content has nothing to be made anew from.
+  const bool stays = !item.IsRemoved() && (item.dirty || core_.catalog.HasEntries(item.number) ||
+                                           (item.IsFolder() && IsBusy(core_, item)));
   if (stays) {
     MakeNew(item);
     Put(item);

@@ -15,6 +15,10 @@ namespace {
 constexpr int kStepsAtATime = 3;
 constexpr std::chrono::minutes kFirstRetry{1};
 constexpr std::chrono::seconds kShortRest{1};
+/// Between two looks at all pending items, and in multiples of what the last one took.
+constexpr FileTime::duration kShortestPause = std::chrono::milliseconds(50);
+constexpr FileTime::duration kLongestPause = std::chrono::seconds(10);
+constexpr int kPausePerLook = 5;
 constexpr int kMostDoublings = 6;  // 64 minutes
 
 /// Failures that say nothing about the change itself.
@@ -51,10 +55,17 @@ void Sender::Pass() {
   const FileTime now = core_.clock.Now();
   if (core_.connection.calm_until() > now) return core_.work.WakeAt(core_.connection.calm_until());
   std::optional<FileTime> next;
+  bool looked = false;
   Plan plan(core_, urgent_);
   while (running_ < kStepsAtATime) {
     if (queue_.empty()) {
-      if (!std::exchange(again_, false)) break;
+      if (!again_) break;
+      if (!urgent_ && now < next_look_ && next_look_ - now <= kLongestPause) {
+        next = std::min(next.value_or(next_look_), next_look_);
+        break;
+      }
+      again_ = false;
+      looked = true;
       for (const Item& item : core_.catalog.Pending()) queue_.push_back(item.number);
       if (queue_.empty()) break;
     }
@@ -64,6 +75,11 @@ void Sender::Pass() {
     const Readiness ready = plan.Of(*item);
     if (ready.step) Start(*ready.step);
     if (ready.at) next = std::min(next.value_or(*ready.at), *ready.at);
+  }
+  // Programs that change thousands of files would wait for as many looks at all of them.
+  if (looked) {
+    const auto took = core_.clock.Now() - now;
+    next_look_ = now + std::clamp(kPausePerLook * took, kShortestPause, kLongestPause);
   }
   if (next) core_.work.WakeAt(*next);
   idle_ = running_ == 0 && queue_.empty() && !again_;

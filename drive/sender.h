@@ -84,6 +84,7 @@ class Sender {
   std::deque<ItemNumber> queue_;  ///< pending items of this pass that were not looked at yet
   bool again_ = true;             ///< something has changed since the queue was filled
   int running_ = 0;
+  FileTime next_look_{};  ///< at all pending items, unless it is urgent
   bool urgent_ = false;
   bool idle_ = false;  ///< a whole pass found nothing that may go out, and nothing is running
   std::map<ItemNumber, ActiveTransfer> uploads_;
