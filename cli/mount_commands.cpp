@@ -243,18 +243,25 @@ class Desk {
 class SignalWatch {
  public:
   SignalWatch(host::Cancellation& cancellation, mounted::Session& session)
-      : thread_([&cancellation, &session](std::stop_token stop) {
-          while (!stop.stop_requested()) {
-            try {
-              cancellation.Wait(std::chrono::milliseconds(200));
-            } catch (const Failure&) {
-              return session.End();
-            }
-          }
-        }) {}
+      : cancellation_(cancellation), thread_([this, &session] { Run(session); }) {}
+  ~SignalWatch() {
+    cancellation_.Raise();
+    thread_.join();
+  }
+  SignalWatch(const SignalWatch&) = delete;
+  SignalWatch& operator=(const SignalWatch&) = delete;
 
  private:
-  std::jthread thread_;
+  void Run(mounted::Session& session) {
+    try {
+      for (;;) cancellation_.Wait(std::chrono::hours(1));
+    } catch (const Failure&) {
+      session.End();
+    }
+  }
+
+  host::Cancellation& cancellation_;
+  std::thread thread_;
 };
 
 /// What is recorded is safe at any end: the process does not wait for requests that get no answer.

@@ -5,25 +5,36 @@
 #include <new>
 #include <span>
 #include <stop_token>
+#include <string>
 
+#include <unistd.h>
+
+#include "base/files.h"
 #include "mount/errno_table.h"
 #include "mount/file_system.h"
 
 namespace mounted {
 namespace {
 
+/// What a program only sees as an input/output error stands in the log.
+int InputOutputError(const std::string& what) {
+  base::WriteAll(STDERR_FILENO, "onedrive4b: input/output error: " + what + "\n");
+  return EIO;
+}
+
 /// The error number of the exception that is being handled.
 int CurrentErrno() noexcept {
   try {
     throw;
   } catch (const drive::Error& error) {
-    return ErrnoOf(error.reason());
+    const int number = ErrnoOf(error.reason());
+    return number == EIO ? InputOutputError(error.what()) : number;
   } catch (const std::system_error& error) {
     return error.code().value();
   } catch (const std::bad_alloc&) {
     return ENOMEM;
-  } catch (...) {
-    return EIO;
+  } catch (const std::exception& error) {
+    return InputOutputError(error.what());
   }
 }
 

@@ -81,8 +81,8 @@ void Session::End() {
   std::unique_lock lock(mutex_);
   // The signal may come just before the wait that it is to interrupt, so one is not enough.
   constexpr std::chrono::milliseconds kPause(20);
-  while (!ended_) {
-    if (runner_) ::pthread_kill(*runner_, kWakeSignal);
+  while (runner_ && !ended_) {
+    ::pthread_kill(*runner_, kWakeSignal);
     changed_.wait_for(lock, kPause, [this] { return ended_; });
   }
 }

@@ -37,7 +37,7 @@ class Session {
   void Run();
 
   /// Lets Run return: what waits for the service is interrupted, what else is being answered comes
-  /// to its end. Returns after that.
+  /// to its end. Returns after that, at once when Run was not called yet.
   void End();
 
  private:
