@@ -50,40 +50,43 @@ void Sender::Tick() {
 
 void Sender::Pass() {
   idle_ = false;
-  if (core_.stopping || core_.options.read_only) return;
-  if (core_.connection.offline()) return;
+  if (core_.stopping || core_.options.read_only || core_.connection.offline()) return;
   const FileTime now = core_.clock.Now();
   if (core_.connection.calm_until() > now) return core_.work.WakeAt(core_.connection.calm_until());
   std::optional<FileTime> next;
-  bool looked = false;
+  const auto wake_at = [&](FileTime time) { next = std::min(next.value_or(time), time); };
   Plan plan(core_, urgent_);
   while (running_ < kStepsAtATime) {
-    if (queue_.empty()) {
-      if (!again_) break;
-      if (!urgent_ && now < next_look_ && next_look_ - now <= kLongestPause) {
-        next = std::min(next.value_or(next_look_), next_look_);
-        break;
-      }
-      again_ = false;
-      looked = true;
-      for (const Item& item : core_.catalog.Pending()) queue_.push_back(item.number);
-      if (queue_.empty()) break;
+    if (queue_.empty() && again_ && !MayLook(now)) {
+      wake_at(next_look_);
+      break;
     }
+    if (queue_.empty() && again_) LookForWork();
+    if (queue_.empty()) break;
     const std::optional<Item> item = core_.catalog.Find(queue_.front());
     queue_.pop_front();
     if (!item) continue;
     const Readiness ready = plan.Of(*item);
     if (ready.step) Start(*ready.step);
-    if (ready.at) next = std::min(next.value_or(*ready.at), *ready.at);
-  }
-  // Programs that change thousands of files would wait for as many looks at all of them.
-  if (looked) {
-    const auto took = core_.clock.Now() - now;
-    next_look_ = now + std::clamp(kPausePerLook * took, kShortestPause, kLongestPause);
+    if (ready.at) wake_at(*ready.at);
   }
   if (next) core_.work.WakeAt(*next);
   idle_ = running_ == 0 && queue_.empty() && !again_;
   core_.work.Changed();
+}
+
+bool Sender::MayLook(FileTime now) const {
+  // The clock may have been put back.
+  return urgent_ || now >= next_look_ || next_look_ - now > kLongestPause;
+}
+
+void Sender::LookForWork() {
+  const FileTime start = core_.clock.Now();
+  again_ = false;
+  for (const Item& item : core_.catalog.Pending()) queue_.push_back(item.number);
+  // Programs that change thousands of files would wait for as many looks at all of them.
+  const FileTime end = core_.clock.Now();
+  next_look_ = end + std::clamp(kPausePerLook * (end - start), kShortestPause, kLongestPause);
 }
 
 void Sender::Start(const Step& step) {

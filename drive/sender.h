@@ -41,6 +41,8 @@ class Sender {
   };
 
   void Pass();
+  bool MayLook(FileTime now) const;
+  void LookForWork();
   void Start(const Step& step);
   void Run(Task task);
   void RestIfUnchanged(const Step& step);

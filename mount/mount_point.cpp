@@ -18,8 +18,6 @@
 #include "host/failure.h"
 #include "host/text.h"
 
-extern char** environ;
-
 namespace mounted {
 namespace {
 
@@ -71,7 +69,7 @@ std::string MountPointOf(const std::string& path) {
 }
 
 std::string CheckMountPoint(const std::string& path) {
-  const std::string folder = MountPointOf(path);
+  std::string folder = MountPointOf(path);
   const auto refuse = [&](const std::string& why) {
     throw host::Failure(host::FailureKind::kUsage,
                         "the mount point " + host::Quoted(path) + " " + why);
