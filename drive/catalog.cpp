@@ -7,6 +7,7 @@ namespace drive {
 namespace {
 
 constexpr std::int64_t kFormat = 1;
+constexpr std::size_t kMostKept = 1024;
 
 // `parent` 0 means removed here, `base_parent` 0 not at the service. `key` is what names are
 // compared by. `pending` repeats Item::IsPending, so that it can be found.
@@ -75,6 +76,53 @@ Item ReadItem(const Statement& row) {
   return item;
 }
 
+class Binder {
+ public:
+  explicit Binder(Statement& statement) : statement_(statement) {}
+
+  Binder& operator<<(std::int64_t value) { return Next(value); }
+  Binder& operator<<(FileTime time) { return Next(ToNumber(time)); }
+  /// The text must live until the statement is reset.
+  Binder& operator<<(const std::string& text) { return Next(std::string_view(text)); }
+
+ private:
+  template <class Value>
+  Binder& Next(Value value) {
+    statement_.Bind(++index_, value);
+    return *this;
+  }
+
+  Statement& statement_;
+  int index_ = 0;
+};
+
+// The columns in the order in which they are bound.
+#define UNINDEXED                                                                          \
+  "kind, size, modified, changed, executable, etag, base_size, base_modified, copy_etag, " \
+  "sent, dirty, due, listed, reason, since, retry, attempts"
+#define UNINDEXED_VALUES "?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?"
+#define INDEXED "parent, name, key, id, base_parent, base_name, base_key, copy, pending"
+#define INDEXED_VALUES "?,?,?,?,?,?,?,?,?"
+
+void BindUnindexed(Binder& to, const Item& item) {
+  to << static_cast<std::int64_t>(item.kind) << item.size << item.modified << item.changed
+     << item.executable << item.etag << item.base_size << item.base_modified << item.copy_etag
+     << item.sent << item.dirty << item.due << item.listed << item.refusal.reason
+     << item.refusal.since << item.refusal.retry << item.refusal.attempts;
+}
+
+void BindIndexed(Binder& to, const Item& item, const std::string& key,
+                 const std::string& base_key) {
+  to << item.place.parent << item.place.name << key << item.id << item.base.parent << item.base.name
+     << base_key << item.copy << item.IsPending();
+}
+
+/// Whether no index has to change when `after` takes the place of `before`.
+bool SameInIndexes(const Item& before, const Item& after) {
+  return before.place == after.place && before.base == after.base && before.id == after.id &&
+         before.copy == after.copy && before.IsPending() == after.IsPending();
+}
+
 }  // namespace
 
 Catalog::Catalog(const std::filesystem::path& file) : database_(file) {
@@ -99,6 +147,7 @@ Catalog::Catalog(const std::filesystem::path& file) : database_(file) {
 void Catalog::Rollback() noexcept {
   // Fails when a failed statement has ended the transaction already.
   sqlite3_exec(database_.handle(), "ROLLBACK", nullptr, nullptr, nullptr);
+  kept_.clear();
 }
 
 void Catalog::SyncToDisk() {
@@ -118,7 +167,12 @@ Statement& Catalog::Prepared(const char* sql) {
 std::optional<Item> Catalog::One(Statement& statement) {
   const StatementUse use(statement);
   if (!statement.Step()) return std::nullopt;
-  return ReadItem(statement);
+  return Find(statement.Number(0));
+}
+
+void Catalog::Keep(const Item& item) {
+  if (kept_.size() >= kMostKept) kept_.clear();
+  kept_[item.number] = item;
 }
 
 std::vector<Item> Catalog::All(Statement& statement) {
@@ -129,7 +183,13 @@ std::vector<Item> Catalog::All(Statement& statement) {
 }
 
 std::optional<Item> Catalog::Find(ItemNumber number) {
-  return One(Prepared("SELECT " COLUMNS " FROM items WHERE number = ?").Bind(1, number));
+  if (const auto kept = kept_.find(number); kept != kept_.end()) return kept->second;
+  Statement& statement = Prepared("SELECT " COLUMNS " FROM items WHERE number = ?");
+  const StatementUse use(statement);
+  if (!statement.Bind(1, number).Step()) return std::nullopt;
+  Item item = ReadItem(statement);
+  Keep(item);
+  return item;
 }
 
 Item Catalog::Get(ItemNumber number) {
@@ -139,20 +199,20 @@ Item Catalog::Get(ItemNumber number) {
 
 std::optional<Item> Catalog::FindEntry(ItemNumber folder, std::string_view name) {
   const std::string key = NameKey(name);
-  return One(Prepared("SELECT " COLUMNS
-                      " FROM items WHERE parent = ? AND key = ? AND parent != 0 AND number != 1")
+  return One(Prepared("SELECT number FROM items WHERE parent = ? AND key = ? AND parent != 0 "
+                      "AND number != 1")
                  .Bind(1, folder)
                  .Bind(2, key));
 }
 
 std::optional<Item> Catalog::FindId(std::string_view id) {
   if (id.empty()) return std::nullopt;
-  return One(Prepared("SELECT " COLUMNS " FROM items WHERE id = ? AND id != ''").Bind(1, id));
+  return One(Prepared("SELECT number FROM items WHERE id = ? AND id != ''").Bind(1, id));
 }
 
 std::optional<Item> Catalog::FindBase(ItemNumber folder, std::string_view name) {
   const std::string key = NameKey(name);
-  return One(Prepared("SELECT " COLUMNS " FROM items WHERE base_parent = ? AND base_key = ? "
+  return One(Prepared("SELECT number FROM items WHERE base_parent = ? AND base_key = ? "
                       "AND base_parent != 0 AND number != 1")
                  .Bind(1, folder)
                  .Bind(2, key));
@@ -177,65 +237,47 @@ std::vector<Item> Catalog::BaseEntries(ItemNumber folder) {
                  .Bind(1, folder));
 }
 
-void Catalog::BindAll(Statement& statement, const Item& item, const std::string& key,
-                      const std::string& base_key) {
-  int index = 0;
-  const auto number = [&](std::int64_t value) { statement.Bind(++index, value); };
-  const auto text = [&](std::string_view value) { statement.Bind(++index, value); };
-  number(static_cast<std::int64_t>(item.kind));
-  number(item.place.parent);
-  text(item.place.name);
-  text(key);
-  number(item.size);
-  number(ToNumber(item.modified));
-  number(ToNumber(item.changed));
-  number(item.executable ? 1 : 0);
-  text(item.id);
-  number(item.base.parent);
-  text(item.base.name);
-  text(base_key);
-  text(item.etag);
-  number(item.base_size);
-  number(ToNumber(item.base_modified));
-  number(item.copy);
-  text(item.copy_etag);
-  text(item.sent);
-  number(item.dirty ? 1 : 0);
-  number(ToNumber(item.due));
-  number(ToNumber(item.listed));
-  text(item.refusal.reason);
-  number(ToNumber(item.refusal.since));
-  number(ToNumber(item.refusal.retry));
-  number(item.refusal.attempts);
-  number(item.IsPending() ? 1 : 0);
-}
-
 void Catalog::Add(Item& item) {
-  Statement& statement = Prepared(
-      "INSERT INTO items VALUES "
-      "(NULL,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)");
-  const StatementUse use(statement);
-  const std::string key = NameKey(item.place.name);
-  const std::string base_key = NameKey(item.base.name);
-  BindAll(statement, item, key, base_key);
-  statement.Step();
+  WriteAll(Prepared("INSERT INTO items (" UNINDEXED ", " INDEXED ") VALUES (" UNINDEXED_VALUES
+                    "," INDEXED_VALUES ")"),
+           item);
   item.number = sqlite3_last_insert_rowid(database_.handle());
+  Keep(item);
 }
 
 void Catalog::Put(const Item& item) {
-  Statement& statement = Prepared(
-      "UPDATE items SET kind=?, parent=?, name=?, key=?, size=?, modified=?, changed=?, "
-      "executable=?, id=?, base_parent=?, base_name=?, base_key=?, etag=?, base_size=?, "
-      "base_modified=?, copy=?, copy_etag=?, sent=?, dirty=?, due=?, listed=?, reason=?, since=?, "
-      "retry=?, attempts=?, pending=? WHERE number=?");
+  const auto kept = kept_.find(item.number);
+  if (kept != kept_.end() && SameInIndexes(kept->second, item)) {
+    Statement& statement =
+        Prepared("UPDATE items SET (" UNINDEXED ") = (" UNINDEXED_VALUES ") WHERE number = ?");
+    const StatementUse use(statement);
+    Binder to(statement);
+    BindUnindexed(to, item);
+    to << item.number;
+    statement.Step();
+    kept->second = item;
+    return;
+  }
+  WriteAll(Prepared("UPDATE items SET (" UNINDEXED ", " INDEXED ") = (" UNINDEXED_VALUES
+                    "," INDEXED_VALUES ") WHERE number = ?"),
+           item);
+  if (sqlite3_changes(database_.handle()) != 0) Keep(item);
+}
+
+/// An item without a number has no last value to bind.
+void Catalog::WriteAll(Statement& statement, const Item& item) {
   const StatementUse use(statement);
   const std::string key = NameKey(item.place.name);
   const std::string base_key = NameKey(item.base.name);
-  BindAll(statement, item, key, base_key);
-  statement.Bind(27, item.number).Step();
+  Binder to(statement);
+  BindUnindexed(to, item);
+  BindIndexed(to, item, key, base_key);
+  if (item.number != 0) to << item.number;
+  statement.Step();
 }
 
 void Catalog::Erase(ItemNumber number) {
+  kept_.erase(number);
   Prepared("DELETE FROM items WHERE number = ?").Bind(1, number).Run();
   Prepared("DELETE FROM conflicts WHERE kept = ?").Bind(1, number).Run();
 }

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "drive/item.h"
@@ -36,8 +37,8 @@ class Catalog {
  public:
   explicit Catalog(const std::filesystem::path& file);
 
-  void Begin() { database_.Execute("BEGIN IMMEDIATE"); }
-  void Commit() { database_.Execute("COMMIT"); }
+  void Begin() { Prepared("BEGIN IMMEDIATE").Run(); }
+  void Commit() { Prepared("COMMIT").Run(); }
   void Rollback() noexcept;
   void SyncToDisk();
 
@@ -84,13 +85,16 @@ class Catalog {
 
  private:
   Statement& Prepared(const char* sql);
+  /// The item of the number that the statement finds, if it finds one.
   std::optional<Item> One(Statement& statement);
   std::vector<Item> All(Statement& statement);
-  void BindAll(Statement& statement, const Item& item, const std::string& key,
-               const std::string& base_key);
+  void Keep(const Item& item);
+  void WriteAll(Statement& statement, const Item& item);
 
   Database database_;
   std::map<const char*, Statement> statements_;  ///< by the address of their constant text
+  /// Items as they stand in the file, so that those in use are neither read nor decoded again.
+  std::unordered_map<ItemNumber, Item> kept_;
 };
 
 }  // namespace drive
