@@ -1,5 +1,7 @@
 #include "drive/catalog.h"
 
+#include <algorithm>
+
 #include "drive/error.h"
 #include "drive/names.h"
 
@@ -8,9 +10,11 @@ namespace {
 
 constexpr std::int64_t kFormat = 1;
 constexpr std::size_t kMostKept = 1024;
+constexpr std::int64_t kAnyTime = 1;
 
 // `parent` 0 means removed here, `base_parent` 0 not at the service. `key` is what names are
-// compared by. `pending` repeats Item::IsPending, so that it can be found.
+// compared by. `pending` is 0 for items that are not, kAnyTime, or the due time of a file that only
+// rests: so that thousands of files that rest cost nothing.
 constexpr const char* kSchema = R"(
 CREATE TABLE IF NOT EXISTS items (
   number INTEGER PRIMARY KEY AUTOINCREMENT,
@@ -26,7 +30,7 @@ CREATE TABLE IF NOT EXISTS items (
 CREATE UNIQUE INDEX IF NOT EXISTS entries ON items (parent, key) WHERE parent != 0;
 CREATE UNIQUE INDEX IF NOT EXISTS ids ON items (id) WHERE id != '';
 CREATE INDEX IF NOT EXISTS base_entries ON items (base_parent, base_key) WHERE base_parent != 0;
-CREATE INDEX IF NOT EXISTS pending ON items (number) WHERE pending;
+CREATE INDEX IF NOT EXISTS pending_at ON items (pending) WHERE pending;
 CREATE INDEX IF NOT EXISTS removed ON items (number) WHERE parent = 0;
 CREATE INDEX IF NOT EXISTS copies_of ON items (copy) WHERE copy != 0;
 CREATE TABLE IF NOT EXISTS copies (
@@ -96,31 +100,35 @@ class Binder {
   int index_ = 0;
 };
 
-// The columns in the order in which they are bound.
-#define UNINDEXED                                                                          \
-  "kind, size, modified, changed, executable, etag, base_size, base_modified, copy_etag, " \
-  "sent, dirty, due, listed, reason, since, retry, attempts"
-#define UNINDEXED_VALUES "?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?"
-#define INDEXED "parent, name, key, id, base_parent, base_name, base_key, copy, pending"
-#define INDEXED_VALUES "?,?,?,?,?,?,?,?,?"
+std::int64_t PendingColumn(const Item& item) {
+  if (!item.IsPending()) return 0;
+  return item.OnlyRests() ? std::max(ToNumber(item.due), kAnyTime) : kAnyTime;
+}
 
-void BindUnindexed(Binder& to, const Item& item) {
+// The columns in the order in which they are bound.
+#define STATE                                                                              \
+  "kind, size, modified, changed, executable, etag, base_size, base_modified, copy_etag, " \
+  "sent, dirty, due, listed, reason, since, retry, attempts, pending"
+#define STATE_VALUES "?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?"
+#define PLACES "parent, name, key, id, base_parent, base_name, base_key, copy"
+#define PLACES_VALUES "?,?,?,?,?,?,?,?"
+
+void BindState(Binder& to, const Item& item) {
   to << static_cast<std::int64_t>(item.kind) << item.size << item.modified << item.changed
      << item.executable << item.etag << item.base_size << item.base_modified << item.copy_etag
      << item.sent << item.dirty << item.due << item.listed << item.refusal.reason
-     << item.refusal.since << item.refusal.retry << item.refusal.attempts;
+     << item.refusal.since << item.refusal.retry << item.refusal.attempts << PendingColumn(item);
 }
 
-void BindIndexed(Binder& to, const Item& item, const std::string& key,
-                 const std::string& base_key) {
+void BindPlaces(Binder& to, const Item& item, const std::string& key, const std::string& base_key) {
   to << item.place.parent << item.place.name << key << item.id << item.base.parent << item.base.name
-     << base_key << item.copy << item.IsPending();
+     << base_key << item.copy;
 }
 
-/// Whether no index has to change when `after` takes the place of `before`.
-bool SameInIndexes(const Item& before, const Item& after) {
+/// Whether the indexes of places stay as they are when `after` takes the place of `before`.
+bool SamePlaces(const Item& before, const Item& after) {
   return before.place == after.place && before.base == after.base && before.id == after.id &&
-         before.copy == after.copy && before.IsPending() == after.IsPending();
+         before.copy == after.copy;
 }
 
 }  // namespace
@@ -238,8 +246,8 @@ std::vector<Item> Catalog::BaseEntries(ItemNumber folder) {
 }
 
 void Catalog::Add(Item& item) {
-  WriteAll(Prepared("INSERT INTO items (" UNINDEXED ", " INDEXED ") VALUES (" UNINDEXED_VALUES
-                    "," INDEXED_VALUES ")"),
+  WriteAll(Prepared("INSERT INTO items (" STATE ", " PLACES ") VALUES (" STATE_VALUES
+                    "," PLACES_VALUES ")"),
            item);
   item.number = sqlite3_last_insert_rowid(database_.handle());
   Keep(item);
@@ -247,19 +255,19 @@ void Catalog::Add(Item& item) {
 
 void Catalog::Put(const Item& item) {
   const auto kept = kept_.find(item.number);
-  if (kept != kept_.end() && SameInIndexes(kept->second, item)) {
+  if (kept != kept_.end() && SamePlaces(kept->second, item)) {
     Statement& statement =
-        Prepared("UPDATE items SET (" UNINDEXED ") = (" UNINDEXED_VALUES ") WHERE number = ?");
+        Prepared("UPDATE items SET (" STATE ") = (" STATE_VALUES ") WHERE number = ?");
     const StatementUse use(statement);
     Binder to(statement);
-    BindUnindexed(to, item);
+    BindState(to, item);
     to << item.number;
     statement.Step();
     kept->second = item;
     return;
   }
-  WriteAll(Prepared("UPDATE items SET (" UNINDEXED ", " INDEXED ") = (" UNINDEXED_VALUES
-                    "," INDEXED_VALUES ") WHERE number = ?"),
+  WriteAll(Prepared("UPDATE items SET (" STATE ", " PLACES ") = (" STATE_VALUES "," PLACES_VALUES
+                    ") WHERE number = ?"),
            item);
   if (sqlite3_changes(database_.handle()) != 0) Keep(item);
 }
@@ -270,8 +278,8 @@ void Catalog::WriteAll(Statement& statement, const Item& item) {
   const std::string key = NameKey(item.place.name);
   const std::string base_key = NameKey(item.base.name);
   Binder to(statement);
-  BindUnindexed(to, item);
-  BindIndexed(to, item, key, base_key);
+  BindState(to, item);
+  BindPlaces(to, item, key, base_key);
   if (item.number != 0) to << item.number;
   statement.Step();
 }
@@ -284,6 +292,25 @@ void Catalog::Erase(ItemNumber number) {
 
 std::vector<Item> Catalog::Pending() {
   return All(Prepared("SELECT " COLUMNS " FROM items WHERE pending ORDER BY number"));
+}
+
+std::vector<ItemNumber> Catalog::PendingAt(FileTime now) {
+  Statement& statement =
+      Prepared("SELECT number FROM items WHERE pending AND pending <= ? ORDER BY number");
+  const StatementUse use(statement);
+  statement.Bind(1, std::max(ToNumber(now), kAnyTime));
+  std::vector<ItemNumber> numbers;
+  while (statement.Step()) numbers.push_back(statement.Number(0));
+  return numbers;
+}
+
+std::optional<FileTime> Catalog::NextPending(FileTime now) {
+  Statement& statement =
+      Prepared("SELECT pending FROM items WHERE pending AND pending > ? ORDER BY pending LIMIT 1");
+  const StatementUse use(statement);
+  statement.Bind(1, std::max(ToNumber(now), kAnyTime));
+  if (!statement.Step()) return std::nullopt;
+  return ToTime(statement.Number(0));
 }
 
 std::vector<Item> Catalog::Removed() {

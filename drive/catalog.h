@@ -60,6 +60,10 @@ class Catalog {
   void Erase(ItemNumber number);
 
   std::vector<Item> Pending();
+  /// The pending items for which there may be something to do at this time.
+  std::vector<ItemNumber> PendingAt(FileTime now);
+  /// When the next of the other pending items is due.
+  std::optional<FileTime> NextPending(FileTime now);
   std::vector<Item> Removed();
   std::vector<Item> RefusedItems();
   PendingCount CountPending();

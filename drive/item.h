@@ -80,6 +80,11 @@ struct Item {
     if (IsRemoved()) return IsSent() || IsUncertain();
     return !IsSent() || dirty || place != base;
   }
+  /// A pending file of which only the content is to be sent, so that nothing is to do before `due`.
+  bool OnlyRests() const {
+    const bool in_place = !IsRemoved() && (IsSent() ? place == base : base.parent == 0);
+    return dirty && kind == Kind::kFile && in_place;
+  }
 };
 
 }  // namespace drive

@@ -56,12 +56,14 @@ void Sender::Pass() {
   std::optional<FileTime> next;
   const auto wake_at = [&](FileTime time) { next = std::min(next.value_or(time), time); };
   Plan plan(core_, urgent_);
+  bool looked = false;
   while (running_ < kStepsAtATime) {
     if (queue_.empty() && again_ && !MayLook(now)) {
       wake_at(next_look_);
       break;
     }
     if (queue_.empty() && again_) LookForWork();
+    looked = true;
     if (queue_.empty()) break;
     const std::optional<Item> item = core_.catalog.Find(queue_.front());
     queue_.pop_front();
@@ -70,6 +72,7 @@ void Sender::Pass() {
     if (ready.step) Start(*ready.step);
     if (ready.at) wake_at(*ready.at);
   }
+  if (looked) PaceLooks(now);
   if (next) core_.work.WakeAt(*next);
   idle_ = running_ == 0 && queue_.empty() && !again_;
   core_.work.Changed();
@@ -81,12 +84,21 @@ bool Sender::MayLook(FileTime now) const {
 }
 
 void Sender::LookForWork() {
-  const FileTime start = core_.clock.Now();
   again_ = false;
-  for (const Item& item : core_.catalog.Pending()) queue_.push_back(item.number);
-  // Programs that change thousands of files would wait for as many looks at all of them.
-  const FileTime end = core_.clock.Now();
-  next_look_ = end + std::clamp(kPausePerLook * (end - start), kShortestPause, kLongestPause);
+  look_took_ = {};
+  const FileTime now = core_.clock.Now();
+  // What rests is only looked at when nobody wants to wait for it.
+  for (const ItemNumber number : core_.catalog.PendingAt(urgent_ ? FileTime::max() : now)) {
+    queue_.push_back(number);
+  }
+  if (const auto next = core_.catalog.NextPending(now)) core_.work.WakeAt(*next);
+}
+
+/// Programs that change thousands of files would wait for as many looks at all of them.
+void Sender::PaceLooks(FileTime pass_began) {
+  const FileTime now = core_.clock.Now();
+  look_took_ += std::max(now - pass_began, FileTime::duration{});
+  next_look_ = now + std::clamp(kPausePerLook * look_took_, kShortestPause, kLongestPause);
 }
 
 void Sender::Start(const Step& step) {

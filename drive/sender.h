@@ -43,6 +43,7 @@ class Sender {
   void Pass();
   bool MayLook(FileTime now) const;
   void LookForWork();
+  void PaceLooks(FileTime pass_began);
   void Start(const Step& step);
   void Run(Task task);
   void RestIfUnchanged(const Step& step);
@@ -86,7 +87,8 @@ class Sender {
   std::deque<ItemNumber> queue_;  ///< pending items of this pass that were not looked at yet
   bool again_ = true;             ///< something has changed since the queue was filled
   int running_ = 0;
-  FileTime next_look_{};  ///< at all pending items, unless it is urgent
+  FileTime next_look_{};            ///< at all pending items, unless it is urgent
+  FileTime::duration look_took_{};  ///< so far, with the walk through what it found
   bool urgent_ = false;
   bool idle_ = false;  ///< a whole pass found nothing that may go out, and nothing is running
   std::map<ItemNumber, ActiveTransfer> uploads_;

@@ -99,5 +99,28 @@ TEST_F(SendingTest, SentWhileItIsOpen) {
   ExpectSent({{"file", "first and more"}});
 }
 
+// Nobody asks for it: a file is sent once it has rested, and what is renamed or removed meanwhile
+// does not wait for that.
+TEST_F(SendingTest, SentOnceItHasRested) {
+  const auto wait = [&](std::chrono::milliseconds time) {
+    client_.work().RunUntil(clock_.Now() + time);
+  };
+  client_.Write("file", "first");
+  wait(std::chrono::seconds(4));
+  client_.Write("other", "second");
+  EXPECT_EQ(service_.Tree(), Client::Tree());
+  wait(std::chrono::milliseconds(1500));
+  EXPECT_EQ(service_.Tree(), Client::Tree({{"file", "first"}}));
+  wait(std::chrono::seconds(5));
+  EXPECT_EQ(service_.Tree(), Client::Tree({{"file", "first"}, {"other", "second"}}));
+  client_.Write("file", "third");
+  client_.Rename("file", "renamed");
+  client_.Remove("other");
+  wait(std::chrono::seconds(3));
+  EXPECT_EQ(service_.Tree(), Client::Tree({{"renamed", "first"}}));
+  wait(std::chrono::seconds(3));
+  EXPECT_EQ(service_.Tree(), Client::Tree({{"renamed", "third"}}));
+}
+
 }  // namespace
 }  // namespace drive_test

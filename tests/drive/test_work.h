@@ -60,6 +60,13 @@ class TestWork final : public drive::Work {
     return true;
   }
 
+  /// Runs what is due until then.
+  void RunUntil(FileTime until) {
+    while (RunOne() || RunTick(until)) {
+    }
+    clock_.Set(until);
+  }
+
  private:
   bool RunTick(FileTime until) {
     if (!wake_ || *wake_ > until) return false;
