@@ -75,6 +75,8 @@ void Threads::OnTick(std::function<void()> tick) {
 }
 
 void Threads::KeepTime(std::stop_token stop) {
+  // One tick for all that comes within a few milliseconds.
+  constexpr std::chrono::milliseconds kPause{5};
   std::unique_lock lock(mutex_);
   while (!stop.stop_requested()) {
     const FileTime now = clock_.Now();
@@ -84,13 +86,11 @@ void Threads::KeepTime(std::stop_token stop) {
       lock.unlock();
       if (tick) tick();
       lock.lock();
+      wake_changed_.wait_for(lock, stop, kPause, [] { return false; });
       continue;
     }
-    // One look for all that comes within a few milliseconds.
-    constexpr std::chrono::milliseconds kShortestWait{5};
     const auto wait =
-        wake_ ? std::clamp<FileTime::duration>(*wake_ - now, kShortestWait, kLongestWait)
-              : FileTime::duration(kLongestWait);
+        wake_ ? std::min<FileTime::duration>(*wake_ - now, kLongestWait) : kLongestWait;
     wake_changed_.wait_for(lock, stop, wait, [&, wake = wake_] { return wake_ != wake; });
   }
 }
