@@ -53,7 +53,7 @@ ContentPointer Contents::ContentOf(const Item& item) {
     if (*fd) {
       content->copy = item.copy;
       content->fd = std::move(fd);
-      content->ranges = core_.catalog.Ranges(item.copy);
+      if (!item.dirty) content->ranges = core_.catalog.Ranges(item.copy);
       content->ranges.Cut(item.size);
     }
   }
@@ -96,13 +96,15 @@ void Contents::CloseContent(const ContentPointer& content) {
   --content->openers;
   Flush(*content);
   if (content->current && content->dirty && content->writers == 0) {
-    Change change(core_);
-    if (std::optional<Item> item = core_.catalog.Find(content->number)) {
-      item->due = content->written + core_.options.upload_delay;
+    const FileTime due = content->written + core_.options.upload_delay;
+    core_.work.WakeAt(due);
+    std::optional<Item> item = core_.catalog.Find(content->number);
+    if (item && item->due != due) {
+      Change change(core_);
+      item->due = due;
       core_.catalog.Put(*item);
-      core_.work.WakeAt(item->due);
+      change.Commit();
     }
-    change.Commit();
   }
   if (content->openers > 0) return;
   const std::optional<Item> item = core_.catalog.Find(content->number);
@@ -346,6 +348,12 @@ void Contents::ReadAhead(OpenFile& file, Range read) {
 
 // Writing. ------------------------------------------------------------------------------------
 
+void Contents::AddCopy(Item& item) {
+  CheckSpace();
+  item.copy = core_.catalog.AddCopy();
+  core_.copies.Create(item.copy);
+}
+
 void Contents::EnsureCopy(Content& content) {
   if (content.fd) return;
   CheckSpace();
@@ -547,6 +555,7 @@ void Contents::Flush(Content& content) {
     item->size = content.size;
     item->modified = content.modified;
     item->changed = core_.clock.Now();
+    item->due = content.written + core_.options.upload_delay;
     core_.catalog.Put(*item);
   }
   change.Commit();
@@ -611,7 +620,8 @@ void Contents::Drop(Change& change, Item& item) {
   const std::int64_t copy = std::exchange(item.copy, 0);
   item.copy_etag.clear();
   item.dirty = false;
-  change.FileChanged(item.number);
+  // Nobody can open a removed file anew.
+  if (!item.IsRemoved()) change.FileChanged(item.number);
   change.Then([this, number = item.number] { ++versions_[number]; });
   const ContentPointer content = Current(item.number);
   if (!content) {

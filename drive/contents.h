@@ -108,6 +108,9 @@ class Contents {
   /// Whether all bytes of the item's version are here.
   bool IsComplete(const Item& item);
 
+  /// Gives a new file its empty copy; a change must have begun.
+  void AddCopy(Item& item);
+
   // Changes of an item's version; each changes `item` as well, which the caller then puts.
   /// Another version takes the place of what the item has: it has no copy afterwards.
   void Drop(Change& change, Item& item);

@@ -84,7 +84,9 @@ void Drive::Impl::Recover() {
   for (Item& item : core.catalog.Pending()) {
     if (!item.dirty || item.copy == 0) continue;
     const base::UniqueFd fd = core.copies.Open(item.copy);
-    if (!fd) {
+    if (!fd && item.size == 0) {
+      item.copy = 0;  // made, and then the power failed
+    } else if (!fd) {
       item.refusal = {.reason = "the local copy is missing", .since = core.clock.Now()};
     } else if (const std::int64_t size = FileSize(fd.get()); size != item.size) {
       item.size = size;
@@ -195,6 +197,12 @@ Attributes Drive::Get(ItemNumber number) const {
 Place Drive::PlaceOf(ItemNumber number) const {
   const Lock lock(impl_->core.mutex);
   return impl_->core.catalog.Get(number).place;
+}
+
+std::string Drive::KeptName(ItemNumber folder, std::string_view name) const {
+  const Lock lock(impl_->core.mutex);
+  const std::optional<Item> item = impl_->core.catalog.FindEntry(folder, name);
+  return item ? item->place.name : std::string();
 }
 
 Attributes Drive::Set(ItemNumber number, const AttributeChange& change, std::stop_token stop) {

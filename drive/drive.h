@@ -143,6 +143,8 @@ class Drive {
   /// The folder that holds it and its name there, as kept. The top holds itself; parent 0 means
   /// that the item was removed.
   Place PlaceOf(ItemNumber number) const;
+  /// The spelling in which the folder keeps the name; empty when no such entry is known here.
+  std::string KeptName(ItemNumber folder, std::string_view name) const;
 
   Attributes MakeFolder(ItemNumber folder, std::string_view name, std::stop_token stop);
   /// Makes an empty file; kExists when there is an entry of this name.

@@ -50,6 +50,8 @@ Item Entries::MakeItem(Lock& lock, Item item, std::stop_token stop) {
   CheckPlace(place);
   item.modified = item.changed = core_.clock.Now();
   Change change(core_);
+  // Most files are written to at once: then nothing more has to be recorded before.
+  if (!item.IsFolder()) contents_.AddCopy(item);
   core_.catalog.Add(item);
   // A file that was removed and is made again is a new version of the same item.
   std::optional<Item> removed = core_.catalog.FindBase(place.parent, place.name);

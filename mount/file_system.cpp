@@ -186,17 +186,6 @@ fuse_entry_param FileSystem::MakeNode(fuse_ino_t folder, const char* name, mode_
   return Give(InodeOf(made.number), made);
 }
 
-/// The name under which the drive keeps what a program calls `name`; empty when there is nothing.
-std::string FileSystem::KeptName(drive::ItemNumber folder, const char* name,
-                                 std::stop_token stop) const {
-  try {
-    return drive_.PlaceOf(drive_.Lookup(folder, name, std::move(stop)).number).name;
-  } catch (const drive::Error& error) {
-    if (error.reason() != drive::Reason::kNotFound) throw;
-    return "";
-  }
-}
-
 /// The kernel knows that `name` is no longer what it was, but not that `kept` was the same entry.
 void FileSystem::ForgetSpelling(drive::ItemNumber folder, const std::string& kept,
                                 const char* name) {
@@ -205,14 +194,14 @@ void FileSystem::ForgetSpelling(drive::ItemNumber folder, const std::string& kep
 
 void FileSystem::RemoveFile(fuse_ino_t folder, const char* name, std::stop_token stop) {
   const drive::ItemNumber number = NumberOf(folder);
-  const std::string kept = KeptName(number, name, stop);
+  const std::string kept = drive_.KeptName(number, name);
   drive_.RemoveFile(number, name, std::move(stop));
   ForgetSpelling(number, kept, name);
 }
 
 void FileSystem::RemoveFolder(fuse_ino_t folder, const char* name, std::stop_token stop) {
   const drive::ItemNumber number = NumberOf(folder);
-  const std::string kept = KeptName(number, name, stop);
+  const std::string kept = drive_.KeptName(number, name);
   drive_.RemoveFolder(number, name, std::move(stop));
   ForgetSpelling(number, kept, name);
 }
@@ -221,8 +210,8 @@ void FileSystem::Rename(const Move& move, std::stop_token stop) {
   if ((move.flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) throw Refusal(EINVAL);
   const drive::ItemNumber from = NumberOf(move.from_folder);
   const drive::ItemNumber to = NumberOf(move.to_folder);
-  const std::string kept_from = KeptName(from, move.from, stop);
-  const std::string kept_to = KeptName(to, move.to, stop);
+  const std::string kept_from = drive_.KeptName(from, move.from);
+  const std::string kept_to = drive_.KeptName(to, move.to);
   drive_.Rename(from, move.from, to, move.to, (move.flags & RENAME_NOREPLACE) != 0,
                 std::move(stop));
   ForgetSpelling(from, kept_from, move.from);

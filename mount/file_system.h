@@ -148,7 +148,6 @@ class FileSystem {
   struct stat StatOf(const drive::Attributes& attributes) const;
   drive::Space AskSpace(std::stop_token stop);
   fuse_entry_param Give(fuse_ino_t inode, const drive::Attributes& attributes);
-  std::string KeptName(drive::ItemNumber folder, const char* name, std::stop_token stop) const;
   void ForgetSpelling(drive::ItemNumber folder, const std::string& kept, const char* name);
   void AddHandle(fuse_ino_t inode, std::shared_ptr<drive::OpenFile> file, fuse_file_info& info);
   void Close(FileHandle& handle) noexcept;
