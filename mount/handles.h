@@ -35,9 +35,11 @@ class Handles {
   /// One of those that are left; null when there is none.
   std::unique_ptr<Handle> TakeAny() {
     const std::lock_guard lock(mutex_);
-    if (handles_.empty()) return nullptr;
-    auto taken = handles_.extract(handles_.begin());
-    return std::move(taken.mapped());
+    const auto first = handles_.begin();
+    if (first == handles_.end()) return nullptr;
+    std::unique_ptr<Handle> taken = std::move(first->second);
+    handles_.erase(first);
+    return taken;
   }
 
  private:
