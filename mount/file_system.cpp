@@ -78,6 +78,11 @@ struct stat FileSystem::GetAttributes(fuse_ino_t inode) const {
   return out;
 }
 
+void FileSystem::CheckAccess(fuse_ino_t inode, int mask) const {
+  const mode_t owner = StatOf(drive_.Get(NumberOf(inode))).st_mode >> 6U;
+  if ((static_cast<mode_t>(mask) & ~owner & 7U) != 0) throw Refusal(EACCES);
+}
+
 struct stat FileSystem::SetAttributes(fuse_ino_t inode, const struct stat& wanted, int which,
                                       std::stop_token stop) {
   if (((which & FUSE_SET_ATTR_UID) != 0 && wanted.st_uid != options_.owner) ||

@@ -77,6 +77,8 @@ class FileSystem {
   // Attributes.
 
   struct stat GetAttributes(fuse_ino_t inode) const;
+  /// Throws EACCES unless the owner may do all of `mask`, as for access(2).
+  void CheckAccess(fuse_ino_t inode, int mask) const;
   /// `which`: FUSE_SET_ATTR_... What cannot be kept is accepted without effect.
   struct stat SetAttributes(fuse_ino_t inode, const struct stat& wanted, int which,
                             std::stop_token stop);

@@ -177,6 +177,11 @@ void GetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info* /*info*
       });
 }
 
+void CheckAccess(fuse_req_t request, fuse_ino_t inode, int mask) {
+  Serve(request,
+        [=](FileSystem& files, const std::stop_token&) { files.CheckAccess(inode, mask); });
+}
+
 void SetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* wanted, int which,
                    fuse_file_info* /*info*/) {
   Serve(
@@ -370,6 +375,7 @@ fuse_lowlevel_ops Operations() noexcept {
   operations.forget = Forget;
   operations.forget_multi = ForgetMany;
   operations.getattr = GetAttributes;
+  operations.access = CheckAccess;
   operations.setattr = SetAttributes;
   operations.mknod = MakeNode;
   operations.mkdir = MakeFolder;

@@ -30,9 +30,12 @@ void HandleWakeSignal() {
 
 Session::Session(FileSystem& system, Notifier& notifier, const SessionOptions& options)
     : system_(system), notifier_(notifier) {
-  std::string settings = "fsname=onedrive4b,subtype=onedrive4b,default_permissions";
+  std::string settings = "fsname=onedrive4b,subtype=onedrive4b";
   if (options.read_only) settings += ",ro";
-  if (options.allow_other) settings += ",allow_other";
+  // With other users the kernel compares the mode with who asks. For the owner alone that would
+  // only cost a request for the folder's mode after each change in it: what cannot be changed is
+  // refused by the drive.
+  if (options.allow_other) settings += ",allow_other,default_permissions";
   std::vector<std::string> texts = {"onedrive4b", "-o", settings};
   std::vector<char*> arguments;
   arguments.reserve(texts.size());

@@ -38,6 +38,23 @@ class CallsTest : public MountTest {
   }
 };
 
+TEST_F(CallsTest, WhatIsNotToBeChangedIsRefused) {
+  drive().WriteFile("/file", "x");
+  const cli::Outcome outcome = Run({"mount", mount_.string()});
+  ASSERT_EQ(outcome.code, 0) << outcome.err;
+  EXPECT_EQ(::access(mount_.c_str(), R_OK | X_OK), 0);
+  EXPECT_EQ(::access(At("My Drive").c_str(), R_OK | W_OK | X_OK), 0);
+  EXPECT_EQ(::access(At("My Drive/file").c_str(), R_OK | W_OK), 0);
+  const auto refused = [](int result) { return result == -1 && errno == EACCES; };
+  EXPECT_TRUE(refused(::access(mount_.c_str(), W_OK)));
+  EXPECT_TRUE(refused(::access(At("Shared with me").c_str(), W_OK)));
+  EXPECT_TRUE(refused(::access(At("My Drive/file").c_str(), X_OK)));
+  EXPECT_TRUE(refused(::mkdir(At("new").c_str(), 0755)));
+  EXPECT_TRUE(refused(::mkdir(At("Shared with me/new").c_str(), 0755)));
+  EXPECT_TRUE(refused(::rmdir(At("Shared with me").c_str())));
+  EXPECT_TRUE(refused(::rename(At("My Drive/file").c_str(), At("file").c_str())));
+}
+
 TEST_F(CallsTest, RefusalsHaveTheirErrorNumbers) {
   drive().WriteFile("/file", "x");
   drive().WriteFile("/full/inside", "x");
