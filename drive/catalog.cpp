@@ -208,6 +208,7 @@ Item Catalog::Get(ItemNumber number) {
 }
 
 std::optional<Item> Catalog::FindEntry(ItemNumber folder, std::string_view name) {
+  if (folder == 0) return std::nullopt;
   const std::string key = NameKey(name);
   return One(Prepared("SELECT number FROM items WHERE parent = ? AND key = ? AND parent != 0 "
                       "AND number != 1")
@@ -221,6 +222,7 @@ std::optional<Item> Catalog::FindId(std::string_view id) {
 }
 
 std::optional<Item> Catalog::FindBase(ItemNumber folder, std::string_view name) {
+  if (folder == 0) return std::nullopt;
   const std::string key = NameKey(name);
   return One(Prepared("SELECT number FROM items WHERE base_parent = ? AND base_key = ? "
                       "AND base_parent != 0 AND number != 1")

@@ -143,15 +143,16 @@ void Entries::Remove(Change& change, Item item) {
   if (!contents_.IsOpen(item.number) && !core_.busy.contains(item.number)) {
     contents_.Drop(change, item);
   }
-  core_.catalog.Put(item);
-  DropIfUnused(change, item);
+  if (!DropIfUnused(change, item)) core_.catalog.Put(item);
 }
 
-/// A removed item that the service does not have and nobody has open leaves no trace.
-void Entries::DropIfUnused(Change& change, const Item& item) {
-  if (item.IsPending() || core_.busy.contains(item.number) || contents_.IsOpen(item.number)) return;
+/// A removed item that the service does not have and nobody has open leaves no trace: then true.
+bool Entries::DropIfUnused(Change& change, const Item& item) {
+  const bool used = core_.busy.contains(item.number) || contents_.IsOpen(item.number);
+  if (used || item.IsPending()) return false;
   contents_.Forget(change, item);
   core_.catalog.Erase(item.number);
+  return true;
 }
 
 // Renaming. -----------------------------------------------------------------------------------

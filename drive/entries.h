@@ -49,7 +49,7 @@ class Entries {
   void Remove(Change& change, Item item);
   void Replace(Change& change, Item& source, Item target);
   void PassIdentity(Change& change, Item& from, Item& to);
-  void DropIfUnused(Change& change, const Item& item);
+  bool DropIfUnused(Change& change, const Item& item);
 
   Core& core_;
   Folders& folders_;
