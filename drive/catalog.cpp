@@ -22,6 +22,7 @@ CREATE TABLE IF NOT EXISTS items (
   size INTEGER NOT NULL, modified INTEGER NOT NULL, changed INTEGER NOT NULL,
   executable INTEGER NOT NULL,
   id TEXT NOT NULL, base_parent INTEGER NOT NULL, base_name TEXT NOT NULL, base_key TEXT NOT NULL,
+  tried_parent INTEGER NOT NULL, tried_name TEXT NOT NULL,
   etag TEXT NOT NULL, base_size INTEGER NOT NULL, base_modified INTEGER NOT NULL,
   copy INTEGER NOT NULL, copy_etag TEXT NOT NULL, sent TEXT NOT NULL, dirty INTEGER NOT NULL, due INTEGER NOT NULL,
   listed INTEGER NOT NULL,
@@ -40,9 +41,10 @@ CREATE TABLE IF NOT EXISTS conflicts (
 CREATE TABLE IF NOT EXISTS settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
 )";
 
-#define COLUMNS                                                                            \
-  "number, kind, parent, name, size, modified, changed, executable, id, base_parent, "     \
-  "base_name, etag, base_size, base_modified, copy, copy_etag, sent, dirty, due, listed, " \
+#define COLUMNS                                                                                  \
+  "number, kind, parent, name, size, modified, changed, executable, id, base_parent, "           \
+  "base_name, tried_parent, tried_name, etag, base_size, base_modified, copy, copy_etag, sent, " \
+  "dirty, due, listed, "                                                                         \
   "reason, since, retry, attempts"
 
 FileTime ToTime(std::int64_t nanoseconds) { return FileTime(FileTime::duration(nanoseconds)); }
@@ -64,6 +66,8 @@ Item ReadItem(const Statement& row) {
   item.id = text();
   item.base.parent = number();
   item.base.name = text();
+  item.tried.parent = number();
+  item.tried.name = text();
   item.etag = text();
   item.base_size = number();
   item.base_modified = ToTime(number());
@@ -107,17 +111,19 @@ std::int64_t PendingColumn(const Item& item) {
 
 // The columns in the order in which they are bound.
 #define STATE                                                                              \
-  "kind, size, modified, changed, executable, etag, base_size, base_modified, copy_etag, " \
+  "kind, size, modified, changed, executable, tried_parent, tried_name, etag, base_size, " \
+  "base_modified, copy_etag, "                                                             \
   "sent, dirty, due, listed, reason, since, retry, attempts, pending"
-#define STATE_VALUES "?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?"
+#define STATE_VALUES "?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?"
 #define PLACES "parent, name, key, id, base_parent, base_name, base_key, copy"
 #define PLACES_VALUES "?,?,?,?,?,?,?,?"
 
 void BindState(Binder& to, const Item& item) {
   to << static_cast<std::int64_t>(item.kind) << item.size << item.modified << item.changed
-     << item.executable << item.etag << item.base_size << item.base_modified << item.copy_etag
-     << item.sent << item.dirty << item.due << item.listed << item.refusal.reason
-     << item.refusal.since << item.refusal.retry << item.refusal.attempts << PendingColumn(item);
+     << item.executable << item.tried.parent << item.tried.name << item.etag << item.base_size
+     << item.base_modified << item.copy_etag << item.sent << item.dirty << item.due << item.listed
+     << item.refusal.reason << item.refusal.since << item.refusal.retry << item.refusal.attempts
+     << PendingColumn(item);
 }
 
 void BindPlaces(Binder& to, const Item& item, const std::string& key, const std::string& base_key) {
@@ -151,7 +157,7 @@ Catalog::Catalog(const std::filesystem::path& file) : database_(file) {
   database_.Execute("PRAGMA user_version=1");
   database_.Execute(
       "INSERT OR IGNORE INTO items VALUES "
-      "(1,1,1,'','',0,0,0,0,'',1,'','','',0,0,0,'','',0,0,0,'',0,0,0,0)");
+      "(1,1,1,'','',0,0,0,0,'',1,'','',0,'','',0,0,0,'','',0,0,0,'',0,0,0,0)");
 }
 
 void Catalog::Rollback() noexcept {

@@ -235,6 +235,7 @@ void Entries::Replace(Change& change, Item& source, Item target) {
 void Entries::PassIdentity(Change& change, Item& from, Item& to) {
   to.id = std::exchange(from.id, {});
   to.base = std::exchange(from.base, {});
+  to.tried = std::exchange(from.tried, {});
   to.etag = from.etag;
   to.base_size = from.base_size;
   to.base_modified = from.base_modified;

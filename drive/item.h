@@ -56,6 +56,8 @@ struct Item {
   /// Where the service has it; parent 0: nowhere. Without an id: where it was to be made by a
   /// request that had no answer, so that the service may have it there.
   Place base;
+  /// Where a request without an answer was to move it; parent 0: there is no such request.
+  Place tried;
   std::string etag;            ///< of the service's version
   std::int64_t base_size = 0;  ///< bytes of that version
   FileTime base_modified{};    ///< of that version
@@ -78,11 +80,12 @@ struct Item {
   bool IsPending() const {
     if (number == kTop || kind == Kind::kFixedFolder) return false;
     if (IsRemoved()) return IsSent() || IsUncertain();
-    return !IsSent() || dirty || place != base;
+    return !IsSent() || dirty || place != base || tried.parent != 0;
   }
   /// A pending file of which only the content is to be sent, so that nothing is to do before `due`.
   bool OnlyRests() const {
-    const bool in_place = !IsRemoved() && (IsSent() ? place == base : base.parent == 0);
+    const bool in_place =
+        !IsRemoved() && tried.parent == 0 && (IsSent() ? place == base : base.parent == 0);
     return dirty && kind == Kind::kFile && in_place;
   }
 };

@@ -94,7 +94,9 @@ void Merge::Follow(const Item& folder, const std::vector<std::pair<Item, RemoteI
     // In a folder that is put together by the module two entries may have one name.
     const bool fixed = folder.kind == Kind::kFixedFolder;
     if (item->base != place && !(fixed && item->base.parent == folder.number)) {
-      const bool follows = !item->IsRemoved() && item->place == item->base;
+      const bool tried = item->tried.parent != 0;
+      const bool follows = !item->IsRemoved() && !tried && item->place == item->base;
+      if (item->tried == place) SettleTried(*item, remote);
       item->base = place;
       if (follows) {
         change_.EntryGone(item->place, item->number);
@@ -152,10 +154,18 @@ void Merge::Update(Item& item, const RemoteItem& remote) {
   core_.contents->Drop(change_, item);
 }
 
+void Merge::SettleTried(Item& item, const RemoteItem& remote) {
+  if (WasMoved(item, remote)) {
+    item.base = item.tried;
+    core_.contents->Retag(change_, item, remote.etag);
+  }
+  item.tried = {};
+}
+
 /// The item becomes a new one, which the service has yet to get.
 void Merge::MakeNew(Item& item) {
   item.id.clear();
-  item.base = {};
+  item.base = item.tried = {};
   item.etag.clear();
   item.copy_etag.clear();
   item.sent.clear();

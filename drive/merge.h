@@ -26,6 +26,13 @@ struct Listing {
   std::map<ItemNumber, std::optional<RemoteItem>> asked = {};
 };
 
+/// Whether the service has another tag only because a request of ours, of which the answer was
+/// lost, has moved the item.
+inline bool WasMoved(const Item& item, const RemoteItem& remote) {
+  return item.tried.parent != 0 && remote.name == item.tried.name &&
+         remote.size == item.base_size && remote.modified == item.base_modified;
+}
+
 class Merge {
  public:
   explicit Merge(Change& change) : change_(change), core_(change.core()) {}
@@ -37,6 +44,9 @@ class Merge {
 
   /// What the service says of a known item. Its place is taken from elsewhere.
   void Update(Item& item, const RemoteItem& remote);
+
+  /// The service's answer about an item that a request without an answer was to move.
+  void SettleTried(Item& item, const RemoteItem& remote);
 
   /// The service does not have the item any more.
   void Gone(Item item);

@@ -25,7 +25,7 @@ Readiness Plan::Of(const Item& item) {
       return Unblock(item, *blocker);
     }
   }
-  if (item.IsMoved()) {
+  if (item.IsMoved() || item.tried.parent != 0) {
     if (const auto rest = RestOf(item)) return {.at = rest};
     return {.step = Step{.kind = StepKind::kRelocate, .item = item, .to = item.place}};
   }

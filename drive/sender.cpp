@@ -27,14 +27,6 @@ bool IsPassing(Trouble trouble) {
          trouble == Trouble::kSignedOut || trouble == Trouble::kStopped;
 }
 
-/// Whether the item has another tag only because an earlier request of ours arrived of which the
-/// answer was lost.
-bool IsOurRename(const Step& step, const Item& item, const RemoteItem& remote) {
-  return step.kind == StepKind::kRelocate && item.number == step.item.number &&
-         remote.name == step.to.name && remote.size == item.base_size &&
-         remote.modified == item.base_modified;
-}
-
 RemoteItem ToRemote(const Item& item) {
   return {.id = item.id, .name = item.base.name, .kind = item.kind, .etag = item.etag};
 }
@@ -151,7 +143,8 @@ void Sender::RestIfUnchanged(const Step& step) {
   if (!item || !item->refusal.reason.empty()) return;
   const bool unchanged = item->id == before.id && item->etag == before.etag &&
                          item->base == before.base && item->place == before.place &&
-                         item->copy_etag == before.copy_etag && item->dirty == before.dirty;
+                         item->tried == before.tried && item->copy_etag == before.copy_etag &&
+                         item->dirty == before.dirty;
   if (!unchanged) return;
   Change change(core_);
   item->refusal.retry = core_.clock.Now() + kShortRest * (1 << item->refusal.attempts);
@@ -285,9 +278,7 @@ void Sender::SolveMissing(const Task& task) {
     Change change(core_);
     Merge merge(change);
     if (remote) {
-      if (IsOurRename(task.step, *item, *remote)) {
-        core_.contents->Retag(change, *item, remote->etag);
-      }
+      merge.SettleTried(*item, *remote);
       merge.Update(*item, *remote);
       if (item->base.name != remote->name && NameKey(item->base.name) != NameKey(remote->name)) {
         // Renamed elsewhere: where nothing was renamed here, the next listing tells.
@@ -428,6 +419,17 @@ void Sender::NoteAttempt(const Task& task, const std::string& digest) {
   change.Commit();
 }
 
+/// Notes that a request goes out to move the item there; nowhere: no request is uncertain.
+void Sender::NoteMove(const Task& task, const Place& to) {
+  const Lock lock(core_.mutex);
+  std::optional<Item> item = core_.catalog.Find(OwnerOf(task.step.item.number));
+  if (!item || item->id != task.step.item.id) return;
+  Change change(core_);
+  item->tried = to;
+  core_.catalog.Put(*item);
+  change.Commit();
+}
+
 /// The service has answered that it did nothing.
 void Sender::TakeBackAttempt(const Task& task, const std::string& digest) {
   const Lock lock(core_.mutex);
@@ -460,15 +462,25 @@ void Sender::MakeFolder(const Task& task) {
 void Sender::Relocate(const Task& task) {
   const Item& before = task.step.item;
   const Place& to = task.step.to;
-  const RemoteItem moved = to.parent == before.base.parent
-                               ? core_.remote.Rename(ToRemote(before), to.name)
-                               : core_.remote.Move(ToRemote(before), task.folder_id, to.name);
+  // Whether an earlier request moved it is found out before another one is tried.
+  if (before.tried.parent != 0) return SolveMissing(task);
+  NoteMove(task, to);
+  RemoteItem moved;
+  try {
+    moved = to.parent == before.base.parent
+                ? core_.remote.Rename(ToRemote(before), to.name)
+                : core_.remote.Move(ToRemote(before), task.folder_id, to.name);
+  } catch (const RemoteError& failure) {
+    if (!IsPassing(failure.trouble()) && failure.trouble() != Trouble::kFailed) NoteMove(task, {});
+    throw;
+  }
   const Lock lock(core_.mutex);
   core_.answers.Told(before.id);
   std::optional<Item> item = core_.catalog.Find(OwnerOf(before.number));
   if (!item || item->id != before.id) return;
   Change change(core_);
   item->base = to;
+  item->tried = {};
   item->refusal = {};
   if (!moved.etag.empty()) core_.contents->Retag(change, *item, moved.etag);
   core_.catalog.Put(*item);
@@ -513,7 +525,7 @@ void Sender::Delete(const Task& task) {
 /// Whether the service's version is the one that was removed here, or one that was sent from here.
 bool Sender::IsAsRemoved(const Task& task, const Item& item, const RemoteItem& remote) {
   return IsVersion(remote, item.etag, item.base_size, item.base_modified) ||
-         WasSent(item.sent, remote, task.stop);
+         WasMoved(item, remote) || WasSent(item.sent, remote, task.stop);
 }
 
 /// Lists the removed folder and all below it. False: somebody has put something in, or changed

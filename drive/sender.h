@@ -52,6 +52,7 @@ class Sender {
   ItemNumber OwnerOf(ItemNumber number) const;
 
   void NoteAttempt(const Task& task, const std::string& digest);
+  void NoteMove(const Task& task, const Place& to);
   void TakeBackAttempt(const Task& task, const std::string& digest);
   void MakeFolder(const Task& task);
   void Relocate(const Task& task);

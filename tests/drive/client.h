@@ -87,10 +87,11 @@ class Client {
     Pour(file, 0, data);
   }
 
-  void Append(const std::string& path, const std::string& data) {
-    const drive::Attributes found = Find(path);
-    const auto file = drive_->Open(found.number, {.write = true}, {});
-    Pour(file, drive_->Get(found.number).size, data);
+  drive::ItemNumber Append(const std::string& path, const std::string& data) {
+    const drive::ItemNumber number = Find(path).number;
+    const auto file = drive_->Open(number, {.write = true}, {});
+    Pour(file, drive_->Get(number).size, data);
+    return number;
   }
 
   std::string Read(const std::string& path) { return ReadNumber(Find(path).number); }

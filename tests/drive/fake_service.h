@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -71,12 +72,10 @@ class FakeService {
     history_[node.item.etag] = node.data;
   }
 
-  void Remove(const std::string& id) {
-    std::vector<std::string> inside;
-    for (const auto& [child, node] : nodes_) {
-      if (node.parent == id) inside.push_back(child);
-    }
-    for (const std::string& child : inside) Remove(child);
+  /// Removes it with all that is in it; calls `removing` for each before.
+  void Remove(const std::string& id, const std::function<void(const Node&)>& removing) {
+    for (const RemoteItem& entry : Entries(id)) Remove(entry.id, removing);
+    removing(nodes_[id]);
     nodes_.erase(id);
   }
 
@@ -104,6 +103,13 @@ class FakeService {
     }
     return tree;
   }
+
+  /// Number of the last change.
+  int last() const { return last_; }
+
+  /// What somebody removed who had looked at it, or at its folder, before it came there. Between a
+  /// look and a removal lies one request.
+  std::set<std::string> removed_unseen;
 
   /// The content that the version with this tag had.
   const std::string& DataOf(const std::string& etag) { return history_[etag]; }
@@ -135,14 +141,24 @@ class FakeRemote final : public drive::Remote {
   RemoteItem Top() override { return service_.Find("root")->item; }
 
   std::vector<RemoteItem> List(const std::string& id) override {
-    return Around("list", [&] {
+    int when = 0;
+    std::vector<RemoteItem> entries = Around("list", [&] {
       Need(id);
+      when = service_.last();
       return service_.Entries(id);
     });
+    for (const RemoteItem& entry : entries) looked_[entry.id] = when;
+    return entries;
   }
 
   RemoteItem Describe(const std::string& id) override {
-    return Around("describe", [&] { return Need(id).item; });
+    int when = 0;
+    RemoteItem item = Around("describe", [&] {
+      when = service_.last();
+      return Need(id).item;
+    });
+    looked_[id] = when;
+    return item;
   }
 
   RemoteItem MakeFolder(const std::string& folder, const std::string& name) override {
@@ -182,7 +198,10 @@ class FakeRemote final : public drive::Remote {
   void Delete(const RemoteItem& item) override {
     Around("delete", [&] {
       Need(item.id);
-      service_.Remove(item.id);
+      service_.Remove(item.id, [this](const FakeService::Node& node) {
+        const bool unseen = std::stoi(node.item.etag.substr(1)) > looked_[node.item.id];
+        if (unseen) service_.removed_unseen.insert(node.data);
+      });
       return 0;
     });
   }
@@ -245,6 +264,7 @@ class FakeRemote final : public drive::Remote {
   }
 
   FakeService& service_;
+  std::map<std::string, int> looked_;  ///< the service's last change when this item was seen last
 };
 
 }  // namespace drive_test

@@ -45,6 +45,7 @@ class TestWork final : public drive::Work {
 
   void Wait(std::unique_lock<std::mutex>& lock, FileTime until, std::stop_token) override {
     lock.unlock();
+    ++waits;
     if (!RunOne() && !RunTick(until)) clock_.Set(until);
     lock.lock();
   }
@@ -66,6 +67,8 @@ class TestWork final : public drive::Work {
     }
     clock_.Set(until);
   }
+
+  int waits = 0;  ///< how often somebody has waited
 
  private:
   bool RunTick(FileTime until) {
