@@ -16,6 +16,7 @@
 #include "drive/connection.h"
 #include "drive/copy_store.h"
 #include "drive/drive.h"
+#include "drive/pace.h"
 
 namespace drive {
 
@@ -58,6 +59,7 @@ struct Core {
   CopyStore copies;
   Answers answers;
   Connection connection;
+  Pace pace;
   std::multiset<ItemNumber> busy;  ///< items that a change is being sent of
   /// Whose the answer to a step is, where another item took over what the service has of the step's
   /// item meanwhile. Such an owner is busy, too.

@@ -22,6 +22,11 @@ struct Drive::Impl {
         entries(core, folders, contents),
         sender(core) {
     core.contents = &contents;
+    core.remote.SetObserver([this](RequestEvent event) {
+      const Lock lock(core.mutex);
+      const FileTime now = core.clock.Now();
+      event == RequestEvent::kThrottled ? core.pace.Throttled(now) : core.pace.Sent(now);
+    });
     core.suspect = [this](ItemNumber number) { folders.Suspect(number); };
   }
 

@@ -29,7 +29,7 @@ struct Listing {
 /// Whether the service has another tag only because a request of ours, of which the answer was
 /// lost, has moved the item.
 inline bool WasMoved(const Item& item, const RemoteItem& remote) {
-  return item.tried.parent != 0 && remote.name == item.tried.name &&
+  return item.tried.parent != 0 && remote.etag != item.etag && remote.name == item.tried.name &&
          remote.size == item.base_size && remote.modified == item.base_modified;
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/time_text.h"
 #include "host/cancellation.h"
+#include "host/log.h"
 
 namespace drive {
 namespace {
@@ -32,16 +33,6 @@ host::Item ToHostItem(const RemoteItem& remote) {
   item.size = remote.size;
   item.etag = remote.etag;
   return item;
-}
-
-/// Runs a request of the host library; its failures become RemoteErrors.
-template <class Request>
-auto Ask(const Request& request) {
-  try {
-    return request();
-  } catch (const host::Failure& failure) {
-    throw RemoteError(TroubleOf(failure.kind()), failure.what());
-  }
 }
 
 /// A transfer that ends when the token is raised, or when what it works with throws.
@@ -152,12 +143,30 @@ Trouble TroubleOf(host::FailureKind kind) noexcept {
   return Trouble::kFailed;
 }
 
+/// Runs a request of the host library; its failures become RemoteErrors.
+template <class Request>
+auto ModuleRemote::Ask(const Request& request) const {
+  const host::ThrottleWatch watch([this] { observer_(RequestEvent::kThrottled); });
+  try {
+    return request();
+  } catch (const host::Failure& failure) {
+    throw RemoteError(TroubleOf(failure.kind()), failure.what());
+  }
+}
+
+/// The same for a request that changes nothing.
+template <class Request>
+auto ModuleRemote::Question(const Request& request) const {
+  observer_(RequestEvent::kQuestion);
+  return Ask(request);
+}
+
 RemoteItem ModuleRemote::Top() {
-  return Ask([&] { return ToRemoteItem(client_.Top()); });
+  return Question([&] { return ToRemoteItem(client_.Top()); });
 }
 
 std::vector<RemoteItem> ModuleRemote::List(const std::string& folder_id) {
-  return Ask([&] {
+  return Question([&] {
     std::vector<RemoteItem> items;
     for (host::Item& item : client_.List(folder_id, folder_id)) {
       items.push_back(ToRemoteItem(std::move(item)));
@@ -167,7 +176,7 @@ std::vector<RemoteItem> ModuleRemote::List(const std::string& folder_id) {
 }
 
 RemoteItem ModuleRemote::Describe(const std::string& id) {
-  return Ask([&] { return ToRemoteItem(client_.Describe(id, id)); });
+  return Question([&] { return ToRemoteItem(client_.Describe(id, id)); });
 }
 
 RemoteItem ModuleRemote::MakeFolder(const std::string& folder_id, const std::string& name) {
@@ -197,7 +206,7 @@ void ModuleRemote::Read(const std::string& id, std::int64_t offset, std::int64_t
   Transfer transfer(stop);
   Receiver receiver(transfer, to);
   try {
-    Ask([&] {
+    Question([&] {
       client_.Read({.id = id, .offset = offset, .length = length, .handle = transfer.handle()},
                    receiver, id);
     });
@@ -230,7 +239,7 @@ RemoteItem ModuleRemote::Upload(const RemoteUpload& upload, const PieceSource& f
 }
 
 Space ModuleRemote::GetSpace() {
-  return Ask([&] {
+  return Question([&] {
     const host::Space space = client_.DriveSpace();
     return Space{.total = space.total, .used = space.used};
   });

@@ -4,6 +4,8 @@
 // Lifetime: the client must outlive it.
 #pragma once
 
+#include <utility>
+
 #include "drive/remote.h"
 #include "host/failure.h"
 #include "host/item_client.h"
@@ -16,6 +18,8 @@ Trouble TroubleOf(host::FailureKind kind) noexcept;
 class ModuleRemote final : public Remote {
  public:
   explicit ModuleRemote(const host::ItemClient& client) : client_(client) {}
+
+  void SetObserver(Observer observer) override { observer_ = std::move(observer); }
 
   RemoteItem Top() override;
   std::vector<RemoteItem> List(const std::string& folder_id) override;
@@ -32,7 +36,13 @@ class ModuleRemote final : public Remote {
   Space GetSpace() override;
 
  private:
+  template <class Request>
+  auto Question(const Request& request) const;
+  template <class Request>
+  auto Ask(const Request& request) const;
+
   const host::ItemClient& client_;
+  Observer observer_ = [](RequestEvent) {};
 };
 
 }  // namespace drive

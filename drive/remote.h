@@ -79,9 +79,20 @@ struct RemoteUpload {
   std::string etag;  ///< the version to replace; empty: no item of this name may exist
 };
 
+enum class RequestEvent {
+  kQuestion,   ///< a request that changes nothing goes out
+  kThrottled,  ///< the service has asked for fewer requests; the request waits and is repeated
+};
+
 class Remote {
  public:
+  /// Called from the threads of the requests, while they run. It does not throw.
+  using Observer = std::function<void(RequestEvent)>;
+
   virtual ~Remote() = default;
+
+  /// Set before the first request and not changed afterwards.
+  virtual void SetObserver(Observer observer) = 0;
 
   /// The drive's top.
   virtual RemoteItem Top() = 0;

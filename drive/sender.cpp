@@ -44,12 +44,16 @@ void Sender::Pass() {
   idle_ = false;
   if (core_.stopping || core_.options.read_only || core_.connection.offline()) return;
   const FileTime now = core_.clock.Now();
-  if (core_.connection.calm_until() > now) return core_.work.WakeAt(core_.connection.calm_until());
   std::optional<FileTime> next;
   const auto wake_at = [&](FileTime time) { next = std::min(next.value_or(time), time); };
   Plan plan(core_, urgent_);
   bool looked = false;
   while (running_ < kStepsAtATime) {
+    if (const FileTime calm = std::max(core_.connection.calm_until(), core_.pace.next());
+        calm > now) {
+      wake_at(calm);
+      break;
+    }
     if (queue_.empty() && again_ && !MayLook(now)) {
       wake_at(next_look_);
       break;
@@ -95,6 +99,7 @@ void Sender::PaceLooks(FileTime pass_began) {
 
 void Sender::Start(const Step& step) {
   ++running_;
+  core_.pace.Sent(core_.clock.Now());
   core_.busy.insert(step.item.number);
   Task task{.step = step};
   if (const auto folder = core_.catalog.Find(step.to.parent)) task.folder_id = folder->id;

@@ -13,7 +13,7 @@ constexpr std::size_t kMostErrorLines = 20;
 constexpr std::string_view kWaiting = "time(s) backoff left";
 
 thread_local ErrorLines* collector = nullptr;
-thread_local int waits = 0;
+thread_local ThrottleWatch* throttle_watch = nullptr;
 
 }  // namespace
 
@@ -21,11 +21,17 @@ ErrorLines::ErrorLines() noexcept : outer_(collector) { collector = this; }
 
 ErrorLines::~ErrorLines() { collector = outer_; }
 
-int TakeWaits() noexcept { return std::exchange(waits, 0); }
+ThrottleWatch::ThrottleWatch(std::function<void()> told)
+    : outer_(throttle_watch), told_(std::move(told)) {
+  throttle_watch = this;
+}
+
+ThrottleWatch::~ThrottleWatch() { throttle_watch = outer_; }
 
 void Log::Write(LOGLEVEL level, const char* format, std::va_list arguments) {
-  if (format != nullptr && std::string_view(format).find(kWaiting) != std::string_view::npos) {
-    ++waits;
+  if (throttle_watch != nullptr && format != nullptr &&
+      std::string_view(format).find(kWaiting) != std::string_view::npos) {
+    throttle_watch->told_();
   }
   if (format == nullptr || (level != LOGLEVEL_ERROR && !sink_.Wants(level))) return;
   Line(level, FormattedV(format, arguments));

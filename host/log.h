@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,9 +48,21 @@ class ErrorLines {
   std::vector<std::string> lines_;
 };
 
-/// How often operations of the calling thread have waited because of throttling since the last
-/// call.
-int TakeWaits() noexcept;
+/// Tells each time that an operation of the calling thread is about to wait because the service
+/// asked for fewer requests. The newest object of a thread is told.
+class ThrottleWatch {
+ public:
+  /// `told` does not throw.
+  explicit ThrottleWatch(std::function<void()> told);
+  ~ThrottleWatch();
+  ThrottleWatch(const ThrottleWatch&) = delete;
+  ThrottleWatch& operator=(const ThrottleWatch&) = delete;
+
+ private:
+  friend class Log;
+  ThrottleWatch* const outer_;
+  const std::function<void()> told_;
+};
 
 class Log final : public ILog {
  public:

@@ -123,7 +123,15 @@ class FakeService {
 class FakeRemote final : public drive::Remote {
   template <class Action>
   auto Around(const std::string& request, const Action& action) {
-    ++requests[request.substr(0, request.find(' '))];
+    const std::string kind = request.substr(0, request.find(' '));
+    ++requests[kind];
+    if (kind == "list" || kind == "describe" || kind == "read" || kind == "space") {
+      observer_(drive::RequestEvent::kQuestion);
+    }
+    admit([this] {
+      ++throttled;
+      observer_(drive::RequestEvent::kThrottled);
+    });
     around(request, false);
     auto result = action();
     around(request, true);
@@ -136,7 +144,12 @@ class FakeRemote final : public drive::Remote {
   /// Called with the request's name before the service sees it and again after it: may throw, and
   /// may use the drive.
   std::function<void(const std::string& request, bool done)> around = [](const auto&, bool) {};
+  /// Returns when the service takes the request; calls `refuse` each time that it does not.
+  std::function<void(const std::function<void()>& refuse)> admit = [](const auto&) {};
   std::map<std::string, int> requests;
+  int throttled = 0;
+
+  void SetObserver(Observer observer) override { observer_ = std::move(observer); }
 
   RemoteItem Top() override { return service_.Find("root")->item; }
 
@@ -264,6 +277,7 @@ class FakeRemote final : public drive::Remote {
   }
 
   FakeService& service_;
+  Observer observer_;
   std::map<std::string, int> looked_;  ///< the service's last change when this item was seen last
 };
 
