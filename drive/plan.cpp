@@ -101,12 +101,19 @@ std::optional<Item> Plan::Blocker(const Item& item, const Place& place) {
   return std::nullopt;
 }
 
+/// The next of a chain that may be a circle.
+std::optional<Item> Plan::WaitsFor(const Item& item) {
+  std::optional<Item> folder = core_.catalog.Find(item.place.parent);
+  if (folder && !folder->IsSent() && folder->number != kTop) return folder;
+  return Blocker(item, item.place);
+}
+
 Readiness Plan::Unblock(const Item& item, const Item& blocker) {
   Item at = blocker;
   for (int length = 0; length < kLongestCircle; ++length) {
     if (at.number == item.number) break;
-    if (!at.IsMoved()) return {};
-    const std::optional<Item> next = Blocker(at, at.place);
+    if (at.IsRemoved() || (at.IsSent() && !at.IsMoved())) return {};
+    const std::optional<Item> next = WaitsFor(at);
     if (!next) return {};
     at = *next;
   }

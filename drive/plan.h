@@ -48,6 +48,7 @@ class Plan {
   bool CanHold(ItemNumber folder) const;
   bool IsFree(const Item& folder);
   std::optional<Item> Blocker(const Item& item, const Place& place);
+  std::optional<Item> WaitsFor(const Item& item);
   Readiness Unblock(const Item& item, const Item& blocker);
 
   Core& core_;

@@ -99,6 +99,18 @@ TEST_F(SendingTest, SentWhileItIsOpen) {
   ExpectSent({{"file", "first and more"}});
 }
 
+// The new folder waits for the name of the old one, which is to go into the new one.
+TEST_F(SendingTest, FolderMovedIntoOneThatHasItsName) {
+  client_.MakeFolder("a");
+  client_.Write("a/file", "content");
+  EXPECT_TRUE(client_.Sync());
+  client_.Rename("a", "b");
+  client_.MakeFolder("a");
+  client_.MakeFolder("a/deeper");
+  client_.Rename("b", "a/deeper/a");
+  ExpectSent({{"a/", ""}, {"a/deeper/", ""}, {"a/deeper/a/", ""}, {"a/deeper/a/file", "content"}});
+}
+
 // Nobody asks for it: a file is sent once it has rested, and what is renamed or removed meanwhile
 // does not wait for that.
 TEST_F(SendingTest, SentOnceItHasRested) {
