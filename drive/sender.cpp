@@ -19,6 +19,7 @@ constexpr std::chrono::seconds kShortRest{1};
 constexpr FileTime::duration kShortestPause = std::chrono::milliseconds(50);
 constexpr FileTime::duration kLongestPause = std::chrono::seconds(10);
 constexpr int kPausePerLook = 5;
+constexpr int kTriesBeforeRefusal = 3;
 constexpr int kMostDoublings = 6;  // 64 minutes
 
 /// Failures that say nothing about the change itself.
@@ -137,20 +138,26 @@ void Sender::Run(Task task) {
   if (failure) HandleTrouble(task, *failure);
   const Lock lock(core_.mutex);
   if (!failure) core_.Answered();
-  if (!failure || !IsPassing(failure->trouble())) RestIfUnchanged(task.step);
+  if (!failure || !IsPassing(failure->trouble())) RestIfUnchanged(task);
   Finish(task.step);
 }
 
 /// A step that changed nothing is not repeated at once: whatever stands in its way may need time.
-void Sender::RestIfUnchanged(const Step& step) {
-  std::optional<Item> item = core_.catalog.Find(step.item.number);
-  const Item& before = step.item;
-  if (!item || !item->refusal.reason.empty()) return;
+/// Where that does not help, and nothing explains the service's refusal, it is refused.
+void Sender::RestIfUnchanged(const Task& task) {
+  std::optional<Item> item = core_.catalog.Find(task.step.item.number);
+  const Item& before = task.step.item;
+  if (!item) return;
   const bool unchanged = item->id == before.id && item->etag == before.etag &&
                          item->base == before.base && item->place == before.place &&
                          item->tried == before.tried && item->copy_etag == before.copy_etag &&
                          item->dirty == before.dirty;
   if (!unchanged) return;
+  const bool refused = !item->refusal.reason.empty();
+  if (!task.refused_as.empty() && (refused || item->refusal.attempts >= kTriesBeforeRefusal)) {
+    return Refuse(item->number, task.refused_as);
+  }
+  if (refused) return;
   Change change(core_);
   item->refusal.retry = core_.clock.Now() + kShortRest * (1 << item->refusal.attempts);
   item->refusal.attempts = std::min(item->refusal.attempts + 1, kMostDoublings);
@@ -216,7 +223,7 @@ bool Sender::Sync(Lock& lock, std::chrono::milliseconds time, std::stop_token st
 
 // Failures. -----------------------------------------------------------------------------------
 
-void Sender::HandleTrouble(const Task& task, const RemoteError& failure) {
+void Sender::HandleTrouble(Task& task, const RemoteError& failure) {
   {
     const Lock lock(core_.mutex);
     core_.Failed(failure);
@@ -226,9 +233,11 @@ void Sender::HandleTrouble(const Task& task, const RemoteError& failure) {
   try {
     switch (failure.trouble()) {
       case Trouble::kNameTaken:
+        task.refused_as = failure.what();
         return SolveTaken(task);
       case Trouble::kNotFound:
       case Trouble::kChanged:
+        task.refused_as = failure.what();
         return SolveMissing(task);
       default:
         break;
@@ -241,6 +250,7 @@ void Sender::HandleTrouble(const Task& task, const RemoteError& failure) {
   } catch (const Error& second) {
     reason = RemoteError(Trouble::kFailed, second.what());
   }
+  task.refused_as.clear();
   const Lock lock(core_.mutex);
   Refuse(OwnerOf(task.step.item.number), reason.what());
 }
@@ -250,7 +260,7 @@ void Sender::Refuse(ItemNumber number, const std::string& reason) {
   if (!item) return;
   const FileTime now = core_.clock.Now();
   Refusal& refusal = item->refusal;
-  if (refusal.reason.empty()) refusal.since = now;
+  if (refusal.reason.empty()) refusal = Refusal{.reason = {}, .since = now};
   refusal.reason = reason.empty() ? "refused" : reason;
   refusal.retry = now + kFirstRetry * (1 << std::min(refusal.attempts, kMostDoublings));
   ++refusal.attempts;
@@ -601,7 +611,7 @@ void Sender::EraseTree(Change& change, const Item& item) {
 
 // Uploads. ------------------------------------------------------------------------------------
 
-void Sender::Upload(const Task& task) {
+void Sender::Upload(Task& task) {
   std::optional<FrozenCopy> frozen;
   {
     const Lock lock(core_.mutex);
@@ -630,6 +640,7 @@ void Sender::Upload(const Task& task) {
       const bool changed = error.trouble() == Trouble::kChanged && task.step.item.IsSent();
       const bool taken = error.trouble() == Trouble::kNameTaken;
       if (changed || taken) {
+        task.refused_as = error.what();
         changed ? SolveChanged(task) : SolveTaken(task);
         failure.reset();
       } else if (!IsPassing(error.trouble())) {
@@ -764,7 +775,8 @@ void Sender::SolveChanged(const Task& task) {
     item->copy_etag = remote.etag;
     item->sent.clear();
     core_.catalog.Put(*item);
-  } else if (!item->IsRemoved()) {
+  } else if (!item->IsRemoved() && !IsVersion(remote, task.step.item.etag, task.step.item.base_size,
+                                              task.step.item.base_modified)) {
     Merge(change).Split(*std::move(item), remote);
   }
   change.Commit();

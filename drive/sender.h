@@ -38,6 +38,8 @@ class Sender {
     Step step;
     std::string folder_id = {};  ///< of the step's new place
     std::stop_token stop = {};
+    /// What the service said when it refused the step and an explanation was looked for.
+    std::string refused_as = {};
   };
 
   void Pass();
@@ -46,7 +48,7 @@ class Sender {
   void PaceLooks(FileTime pass_began);
   void Start(const Step& step);
   void Run(Task task);
-  void RestIfUnchanged(const Step& step);
+  void RestIfUnchanged(const Task& task);
   void Finish(const Step& step);
   void Refuse(ItemNumber number, const std::string& reason);
   ItemNumber OwnerOf(ItemNumber number) const;
@@ -62,7 +64,7 @@ class Sender {
   void BringBack(Change& change, Item item, const RemoteItem* remote);
   void EraseTree(Change& change, const Item& item);
 
-  void Upload(const Task& task);
+  void Upload(Task& task);
   RemoteItem SendContent(const Task& task, const FrozenCopy& frozen, const std::string& etag);
   std::string TagToReplace(const Item& item);
   void TakeUpload(const Task& task, const FrozenCopy& frozen, const RemoteItem& sent);
@@ -71,7 +73,7 @@ class Sender {
   bool WasSent(const std::string& sent, const RemoteItem& remote, std::stop_token stop);
   std::string SentBy(const Task& task);
 
-  void HandleTrouble(const Task& task, const RemoteError& failure);
+  void HandleTrouble(Task& task, const RemoteError& failure);
   struct Found {
     std::optional<RemoteItem> entry;
     bool was_sent = false;  ///< its content is one that was sent from here
