@@ -5,19 +5,31 @@
 #include "base/json_text.h"
 #include "base/utf8.h"
 #include "cli/item_text.h"
+#include "host/authority.h"
+#include "host/settings.h"
 #include "host/text.h"
 
 namespace cli {
 
 void WhoAmI(const BrowseContext& context) {
   const std::string name = context.drive.items().UserName();
+  const host::ServiceSettings& service = context.options.service;
+  const std::string tenant = host::TenantOf(service.token_url);
+  const std::string& drive = host::DriveAddress(service);
   if (context.options.json) {
     Json::Value document(Json::objectValue);
     document["name"] = base::ValidUtf8(name);
-    context.out.Write(base::PrettyJson(document));
-  } else {
-    context.out.Write(host::EscapeForTerminal(name) + "\n");
+    document["tenant"] = base::ValidUtf8(tenant);
+    document["drive"] = base::ValidUtf8(drive);
+    document["drive_from"] = service.drive_from;
+    return context.out.Write(base::PrettyJson(document));
   }
+  context.out.Write(host::EscapeForTerminal(name) + "\n");
+  Table table({false, false});
+  if (!tenant.empty()) table.Add({"Tenant", host::EscapeForTerminal(tenant)});
+  table.Add({"Drive", host::EscapeForTerminal(drive)});
+  if (!service.drive_from.empty()) table.Add({"Address from", service.drive_from});
+  table.WriteTo(context.out);
 }
 
 void ShowSpace(const BrowseContext& context) {

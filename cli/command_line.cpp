@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/report.h"
+#include "host/authority.h"
+#include "host/drive_finder.h"
 #include "host/failure.h"
 #include "host/profile.h"
 #include "host/text.h"
@@ -35,7 +37,9 @@ Try it without an account:
 struct RawOptions {
   std::string proxy;
   bool proxy_no_tunnel = false;
-  std::string authority;
+  std::string site;
+  bool login_by_browser = false;
+  bool login_by_device = false;
   std::string rate_limit;
   std::string cache_size;
 };
@@ -74,18 +78,33 @@ void AddConnectionOptions(CLI::App& app, Options& options, RawOptions& raw) {
       "profile")
       ->excludes(emulator);
   add("--client-id", options.service.client_id, "ID", "The application's id at the authority");
-  CLI::Option* authority =
-      add("--authority", raw.authority, "URL", "Base address of the authority that issues tokens");
-  add("--token-url", options.service.token_url, "URL", "Token address of the authority")
-      ->excludes(authority);
-  add("--discovery-url", options.service.discovery_url, "URL", "Address of the discovery document");
+  add("--tenant", options.authority.tenant, "NAME",
+      "The organisation: its domain or id (default: organizations, whichever the account is of)");
+  CLI::Option* cloud = add("--cloud", options.authority.cloud, "NAME",
+                           "global, us-gov, us-dod or china (default: global)");
+  std::vector<std::string> clouds;
+  for (const host::Cloud& known : host::Clouds()) clouds.emplace_back(known.name);
+  cloud->check(CLI::IsMember(clouds));
+  CLI::Option* authority = add("--authority", options.authority.authority, "URL",
+                               "Address of another authority that issues tokens; its path, if it "
+                               "has one, is the organisation");
+  authority->excludes(cloud);
+  add("--token-url", options.service.token_url, "URL",
+      "Token address of the authority; one that ends in /oauth2/token is asked in the older form")
+      ->excludes(authority)
+      ->excludes(cloud);
+  CLI::Option* site = add("--site", raw.site, "URL", "Address of the drive, as a browser shows it");
+  add("--unified-api", options.service.unified_api, "URL",
+      "What is asked where the drive is (default: the cloud's)");
+  add("--discovery-url", options.service.discovery_url, "URL",
+      "Address of a discovery document that says where the drive is");
   add("--discovery-resource", options.service.discovery_resource, "URL",
       "Resource of the tokens for discovery");
   CLI::Option* endpoint = add("--service-endpoint", options.service.service_endpoint, "URL",
-                              "Address of the drive's service; skips discovery");
+                              "Address of the drive's service, which is not asked for then");
   CLI::Option* resource = add("--service-resource", options.service.service_resource, "URL",
                               "Resource of the tokens for the drive");
-  endpoint->needs(resource);
+  endpoint->needs(resource)->excludes(site);
   resource->needs(endpoint);
   CLI::Option* proxy =
       add("--proxy", raw.proxy, "URL",
@@ -221,9 +240,16 @@ void AddMountCommands(CLI::App& app, Options& options, RawOptions& raw) {
   timeout(add(Command::kSync, "sync", "Wait until the service has every change"));
 }
 
-void AddAccountCommands(CLI::App& app, Options& options) {
-  AddCommand(app, options, Command::kLogin, "login",
-             "Sign in with a browser, on this or another device");
+void AddAccountCommands(CLI::App& app, Options& options, RawOptions& raw) {
+  CLI::App* login = AddCommand(app, options, Command::kLogin, "login",
+                               "Sign in with a browser, on this or another device");
+  CLI::Option* browser =
+      login->add_flag("--browser", raw.login_by_browser,
+                      "Sign in with the browser of this machine (default where there is one)");
+  login
+      ->add_flag("--device", raw.login_by_device,
+                 "Show a code, to be entered in a browser on any device")
+      ->excludes(browser);
   AddCommand(app, options, Command::kLogout, "logout", "Forget the sign-in of the profile");
 }
 
@@ -238,7 +264,9 @@ host::ProxyRule ChooseProxy(const Options& options, const RawOptions& raw) {
 /// Turns raw texts into values; throws Failure.
 void Finish(Options& options, const RawOptions& raw) {
   options.proxy = ChooseProxy(options, raw);
-  if (!raw.authority.empty()) host::SetAuthority(options.service, raw.authority);
+  if (!raw.site.empty()) host::SetSite(options.service, raw.site);
+  if (raw.login_by_browser) options.login_way = LoginWay::kBrowser;
+  if (raw.login_by_device) options.login_way = LoginWay::kDevice;
   if (!raw.cache_size.empty()) options.mount.cache_limit = *host::ParseSize(raw.cache_size);
   if (!raw.rate_limit.empty()) options.rate_limit = *host::ParseSize(raw.rate_limit);
 }
@@ -258,7 +286,7 @@ std::variant<Options, int> ParseCommandLine(int argc, char** argv) {
   AddTransferCommands(app, options, raw);
   AddChangeCommands(app, options);
   AddMountCommands(app, options, raw);
-  AddAccountCommands(app, options);
+  AddAccountCommands(app, options, raw);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

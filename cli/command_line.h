@@ -13,6 +13,13 @@
 
 namespace cli {
 
+/// How a person signs in.
+enum class LoginWay {
+  kAny,      ///< with the browser of this machine when there is one, else with a code
+  kBrowser,  ///< with the browser of this machine
+  kDevice,   ///< with a code, in any browser
+};
+
 enum class Command {
   kWhoAmI,
   kDf,
@@ -68,6 +75,8 @@ struct Options {
 
   std::optional<std::string> profile;
   host::ServiceSettings service;
+  host::AuthorityChoice authority;
+  LoginWay login_way = LoginWay::kAny;
   host::ProxyRule proxy = host::ProxyRule::None();
   bool hide_shared = false;
   bool emulator = false;

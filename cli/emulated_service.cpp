@@ -3,6 +3,7 @@
 #include <exception>
 
 #include "emulator/service.h"
+#include "host/authority.h"
 #include "host/failure.h"
 
 namespace cli {
@@ -28,10 +29,9 @@ EmulatedService::~EmulatedService() = default;
 
 host::ServiceSettings EmulatedService::Settings() const {
   host::ServiceSettings settings;
-  settings.token_url = service_->TokenUrl();
+  settings.token_url = host::TokenUrl(service_->AuthorityUrl(), {});
   settings.client_id = service_->ClientId();
-  settings.discovery_url = service_->DiscoveryUrl();
-  settings.discovery_resource = service_->DiscoveryResource();
+  settings.unified_api = service_->UnifiedApiUrl();
   return settings;
 }
 

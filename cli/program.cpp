@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "cli/browse_commands.h"
+#include "cli/browser.h"
 #include "cli/change_commands.h"
 #include "cli/command_line.h"
 #include "cli/emulated_service.h"
@@ -20,7 +21,9 @@
 #include "cli/terminal_log.h"
 #include "cli/transfer_commands.h"
 #include "host/authorizer.h"
+#include "host/browser_login.h"
 #include "host/device_login.h"
+#include "host/drive_finder.h"
 #include "host/failure.h"
 #include "host/http_client.h"
 #include "host/local_files.h"
@@ -59,6 +62,29 @@ std::string ReadToken(const std::string& file) {
   return token;
 }
 
+/// Whatever the reason of its failure, for the shell it is the sign-in that failed.
+template <class Action>
+void AsSignIn(const Action& action) {
+  try {
+    action();
+  } catch (const host::Failure& failure) {
+    switch (failure.kind()) {
+      case host::FailureKind::kModule:
+      case host::FailureKind::kProxy:
+      case host::FailureKind::kInterrupted:
+        throw;
+      default:
+        throw host::Failure(host::FailureKind::kSignIn, failure.what(), failure.advice());
+    }
+  }
+}
+
+/// The drive could not be used where it was found: it may have moved.
+class DriveIsGone : public host::Failure {
+ public:
+  explicit DriveIsGone(const host::Failure& failure) : host::Failure(failure) {}
+};
+
 /// One run of one command, its parts in the order in which they depend on each other.
 class Program {
  public:
@@ -68,10 +94,17 @@ class Program {
 
  private:
   void ChooseService();
+  host::ServiceSettings StoredSettings();
   void LogIn(const host::HttpClient& http, Interrupts& interrupts);
-  static void SignIn(host::Session& session);
+  void FindDrive(const host::HttpClient& http, Interrupts& interrupts);
+  void UseDrive(const host::HttpClient& http, Interrupts& interrupts);
+  void Connect(host::Session& session);
+  void KeepSignIn();
   void RunCommand(const TransferContext& context) const;
   void Mount(host::Session& session, Interrupts& interrupts);
+  host::AuthorizerContext AuthorizerParts(const host::HttpClient& http, Interrupts& interrupts) {
+    return {options_.service, http, profile_, log_, redactor_, interrupts.cancellation()};
+  }
 
   Options options_;
   mounted::Background background_;
@@ -79,7 +112,10 @@ class Program {
   TerminalLog sink_;
   host::Log log_;
   host::ValueStore store_;
+  host::ValueStore memory_;
+  const bool is_new_;  ///< a sign-in that replaces the profile's once it has succeeded
   host::Profile profile_;
+  bool looked_again_ = false;  ///< where the drive is
   std::unique_ptr<EmulatedService> emulated_;
 };
 
@@ -91,12 +127,31 @@ Program::Program(Options options, mounted::Background background)
       store_(options_.emulator || (!options_.service_file.empty() && !options_.profile)
                  ? std::filesystem::path()
                  : host::ProfileFile(options_.profile.value_or("default"))),
-      profile_(store_, options_.profile.value_or("default")) {
+      is_new_(options_.command == Command::kLogin || options_.emulator ||
+              !options_.service_file.empty() || !options_.refresh_token_file.empty()),
+      profile_(is_new_ ? memory_ : store_, options_.profile.value_or("default")) {
   if (!store_.warning().empty()) log_.Warn(store_.warning());
+}
+
+host::ServiceSettings Program::StoredSettings() {
+  host::ServiceSettings settings =
+      host::Profile(store_, options_.profile.value_or("default")).Settings();
+  if (options_.command == Command::kLogin && settings.drive_from == host::kDriveFromUnifiedApi) {
+    // It may be another account: its drive is asked for again.
+    settings.service_endpoint.clear();
+    settings.service_resource.clear();
+    settings.drive_from.clear();
+  }
+  return settings;
 }
 
 void Program::ChooseService() {
   host::ServiceSettings& service = options_.service;
+  const host::ServiceSettings stored = StoredSettings();
+  if (const host::AuthorityChoice& choice = options_.authority;
+      !choice.cloud.empty() || !choice.authority.empty() || !choice.tenant.empty()) {
+    host::SetAuthority(service, choice);
+  }
   std::string token;
   if (options_.emulator) {
     emulated_ = std::make_unique<EmulatedService>();
@@ -108,10 +163,11 @@ void Program::ChooseService() {
     token = std::move(file.refresh_token);
   }
   if (!options_.refresh_token_file.empty()) token = ReadToken(options_.refresh_token_file);
-  host::FillMissing(service, profile_.Settings());
-  host::SetAuthority(service, host::kDefaultAuthority);
-  if (service.discovery_resource.empty())
+  host::FillMissing(service, stored);
+  host::SetAuthority(service, {});
+  if (!service.discovery_url.empty() && service.discovery_resource.empty()) {
     service.discovery_resource = host::kDefaultDiscoveryResource;
+  }
   if (token.empty() && profile_.RefreshToken().empty() && options_.command != Command::kLogin) {
     throw host::Failure(
         host::FailureKind::kSignIn, "not signed in",
@@ -123,7 +179,6 @@ void Program::ChooseService() {
   if (token.empty()) return;
   redactor_.AddToken(token);
   profile_.KeepRefreshToken(token);
-  profile_.KeepSettings(service);
 }
 
 void Program::Run(Interrupts& interrupts) {
@@ -131,15 +186,39 @@ void Program::Run(Interrupts& interrupts) {
   ChooseService();
   const host::HttpClient http({host::CertificateBundle().string(), options_.proxy});
   if (options_.command == Command::kLogin) LogIn(http, interrupts);
+  if (host::NeedsDrive(options_.service)) FindDrive(http, interrupts);
+  try {
+    UseDrive(http, interrupts);
+  } catch (const DriveIsGone& gone) {
+    looked_again_ = true;
+    const std::string before = options_.service.service_endpoint;
+    try {
+      FindDrive(http, interrupts);
+    } catch (const host::Failure& failure) {
+      if (failure.kind() == host::FailureKind::kInterrupted) throw;
+    }
+    const bool moved = options_.service.service_endpoint != before;
+    if (!moved && options_.command != Command::kMount) throw host::Failure(gone);
+    UseDrive(http, interrupts);
+  }
+}
+
+void Program::FindDrive(const host::HttpClient& http, Interrupts& interrupts) {
+  const Interrupts::Scope scope(interrupts);
+  AsSignIn([&] { host::FindDrive(options_.service, AuthorizerParts(http, interrupts)); });
+  redactor_.AddSecret(options_.proxy.ForModule(host::DriveAddress(options_.service)).password);
+  if (!is_new_) profile_.KeepSettings(options_.service);
+}
+
+void Program::UseDrive(const host::HttpClient& http, Interrupts& interrupts) {
   const host::ModuleLibrary module(options_.module);
   // Every request is limited on its own.
   const std::int64_t rate = (options_.rate_limit + options_.parallel - 1) / options_.parallel;
-  host::Session session(
-      {module, {options_.service, http, profile_, log_, redactor_, interrupts.cancellation()}},
-      {options_.service, options_.proxy, !options_.hide_shared, rate,
-       options_.command == Command::kMount});
+  host::Session session({module, AuthorizerParts(http, interrupts)},
+                        {options_.service, options_.proxy, !options_.hide_shared, rate,
+                         options_.command == Command::kMount});
   if (options_.command == Command::kMount) return Mount(session, interrupts);
-  SignIn(session);
+  Connect(session);
   const host::ItemClient items(session);
   const RemoteDrive drive(items);
   Output out(STDOUT_FILENO);
@@ -152,11 +231,34 @@ void Program::Run(Interrupts& interrupts) {
   out.Flush();
 }
 
+/// Signs in, which uses the drive, too.
+void Program::Connect(host::Session& session) {
+  try {
+    AsSignIn([&] { session.Connect(); });
+  } catch (const host::Failure& failure) {
+    const bool was_found = options_.service.drive_from == host::kDriveFromUnifiedApi && !is_new_;
+    if (was_found && !looked_again_ && failure.kind() == host::FailureKind::kSignIn) {
+      throw DriveIsGone(failure);
+    }
+    throw;
+  }
+  KeepSignIn();
+}
+
+/// A new sign-in has succeeded: now it replaces the profile's.
+void Program::KeepSignIn() {
+  if (!is_new_) return;
+  profile_.KeepSettings(options_.service);
+  profile_.MoveTo(store_);
+}
+
 /// Without network, what the state folder knows can be used all the same.
 void Program::Mount(host::Session& session, Interrupts& interrupts) {
   bool online = true;
   try {
-    SignIn(session);
+    Connect(session);
+  } catch (const DriveIsGone&) {
+    throw;
   } catch (const host::Failure&) {
     if (!IsDriveKnown(options_)) throw;
     online = false;
@@ -166,33 +268,34 @@ void Program::Mount(host::Session& session, Interrupts& interrupts) {
 }
 
 void Program::LogIn(const host::HttpClient& http, Interrupts& interrupts) {
-  const auto show = [](const std::string& address, const std::string& code) {
+  const host::ServiceSettings& service = options_.service;
+  const std::string& resource = host::NeedsDrive(service)       ? service.unified_api
+                                : service.discovery_url.empty() ? service.service_resource
+                                                                : service.discovery_resource;
+  const host::LoginContext context{service, resource, http, interrupts.cancellation(),
+                                   log_,    redactor_};
+  const auto say = [](const std::string& text) {
     Output out(STDOUT_FILENO);
-    out.Write("To sign in, open this address in a browser, on this or another device:\n  " +
-              address + "\nand enter the code\n  " + code + "\n");
+    out.Write(text);
     out.Flush();
   };
   const Interrupts::Scope scope(interrupts);
-  const std::string token = host::LogInByDevice(
-      {options_.service, http, interrupts.cancellation(), log_, redactor_}, show);
-  profile_.KeepRefreshToken(token);
-  profile_.KeepSettings(options_.service);
-}
-
-/// Whatever the reason, for the shell it is the sign-in that failed.
-void Program::SignIn(host::Session& session) {
-  try {
-    session.Connect();
-  } catch (const host::Failure& failure) {
-    switch (failure.kind()) {
-      case host::FailureKind::kModule:
-      case host::FailureKind::kProxy:
-      case host::FailureKind::kInterrupted:
-        throw;
-      default:
-        throw host::Failure(host::FailureKind::kSignIn, failure.what(), failure.advice());
-    }
+  const bool by_browser = options_.login_way == LoginWay::kBrowser ||
+                          (options_.login_way == LoginWay::kAny && HasBrowser());
+  if (by_browser) {
+    profile_.KeepRefreshToken(host::LogInByBrowser(context, [&](const std::string& address) {
+      say("To sign in, use the browser that opens now. If none opens, open this address on this "
+          "machine:\n  " +
+          address + "\n");
+      OpenInBrowser(address);
+    }));
+    return;
   }
+  profile_.KeepRefreshToken(
+      host::LogInByDevice(context, [&](const std::string& address, const std::string& code) {
+        say("To sign in, open this address in a browser, on this or another device:\n  " + address +
+            "\nand enter the code\n  " + code + "\n");
+      }));
 }
 
 void Program::RunCommand(const TransferContext& context) const {

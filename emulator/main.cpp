@@ -33,6 +33,8 @@ constexpr const char* kFooter =
     "writable, damaged drive); 2 wrong usage.";
 
 struct Arguments {
+  Arguments() { service.discovery = false; }
+
   emulator::ServiceOptions service;
   bool plain_http = false;
   long long token_lifetime = 3600;
@@ -80,6 +82,8 @@ void Declare(CLI::App& app, Arguments& arguments) {
          "Requests per second, sign-in aside; more are answered 429 with Retry-After; 0: no "
          "limit")
       ->capture_default_str();
+  app.add_flag("--discovery", arguments.service.discovery,
+               "Serve the discovery service, too, which the real service has retired");
   app.add_flag("--verbose", arguments.verbose,
                "A line on standard error for each request, without tokens");
 }
@@ -112,13 +116,16 @@ class TemporaryFile {
   std::filesystem::path path_;
 };
 
-std::string ReadyText(emulator::Service& service) {
+std::string ReadyText(emulator::Service& service, bool discovery) {
   Json::Value ready;
   ready["origin"] = service.Origin();
-  ready["token_url"] = service.TokenUrl();
-  ready["device_code_url"] = service.DeviceCodeUrl();
-  ready["discovery_url"] = service.DiscoveryUrl();
-  ready["discovery_resource"] = service.DiscoveryResource();
+  ready["authority"] = service.AuthorityUrl();
+  ready["token_url"] = service.AuthorityUrl() + "/oauth2/v2.0/token";
+  ready["unified_api"] = service.UnifiedApiUrl();
+  if (discovery) {
+    ready["discovery_url"] = service.DiscoveryUrl();
+    ready["discovery_resource"] = service.DiscoveryResource();
+  }
   ready["service_endpoint"] = service.ServiceEndpoint();
   ready["service_resource"] = service.ServiceResource();
   ready["client_id"] = service.ClientId();
@@ -129,9 +136,8 @@ std::string ReadyText(emulator::Service& service) {
 void PrintAddresses(const emulator::Service& service) {
   std::cout << "service           " << service.ServiceEndpoint() << '\n'
             << "service resource  " << service.ServiceResource() << '\n'
-            << "discovery         " << service.DiscoveryUrl() << '\n'
-            << "tokens            " << service.TokenUrl() << '\n'
-            << "device codes      " << service.DeviceCodeUrl() << '\n'
+            << "authority         " << service.AuthorityUrl() << '\n'
+            << "unified API       " << service.UnifiedApiUrl() << '\n'
             << "contents          " << service.ContentOrigin() << '\n'
             << "client id         " << service.ClientId() << '\n'
             << "Stop with Ctrl-C." << std::endl;
@@ -146,7 +152,7 @@ void Serve(const Arguments& arguments, const sigset_t& signals) {
   PrintAddresses(service);
   std::optional<TemporaryFile> ready_file;
   if (!arguments.ready_file.empty()) {
-    ready_file.emplace(arguments.ready_file, ReadyText(service), 0600);
+    ready_file.emplace(arguments.ready_file, ReadyText(service, arguments.service.discovery), 0600);
   }
   int signal = 0;
   sigwait(&signals, &signal);

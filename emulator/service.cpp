@@ -10,6 +10,7 @@
 #include "emulator/api/download_links.h"
 #include "emulator/api/drive_api.h"
 #include "emulator/api/item_json.h"
+#include "emulator/api/unified_api.h"
 #include "emulator/api/upload_sessions.h"
 #include "emulator/authority/authority.h"
 #include "emulator/authority/discovery.h"
@@ -99,6 +100,7 @@ class Service::Impl {
   Response Handle(Request& request, Response (Impl::*route)(Request&));
   Response RouteService(Request& request);
   Response RouteContent(Request& request);
+  Response RouteUnified(Request& request);
   Response Discover(const Request& request);
   Response Act(Request& request, const std::optional<Fault>& fault,
                Response (Impl::*route)(Request&));
@@ -112,6 +114,7 @@ class Service::Impl {
   Throttle throttle;
   HttpServer service_server;
   HttpServer content_server;
+  HttpServer unified_server;
   FaultPlan faults;
   RequestLog log;
   RequestCounter counter;
@@ -123,6 +126,7 @@ class Service::Impl {
   UploadSessions sessions;
   DriveApi api;
   ContentService contents;
+  UnifiedApi unified;
   std::mutex mutex;
   std::optional<std::string> services_document;  // guarded by mutex
 };
@@ -142,20 +146,22 @@ Service::Impl::Impl(ServiceOptions the_options)
                       .bandwidth = bandwidth}),
       content_server(
           {.host_name = options.host_name, .port = 0, .tls = identity, .bandwidth = bandwidth}),
+      unified_server(
+          {.host_name = options.host_name, .port = 0, .tls = identity, .bandwidth = bandwidth}),
       log(options.recorded_requests),
       counter(kEndpointPath),
       user_drive({.owner = DemoUser(), .directory = Below(options.data_directory, "demo")}),
       other_drive({.owner = OtherUser(), .directory = Below(options.data_directory, "robin")}),
-      authority(
-          {.origin = service_server.Origin(),
-           .client_id = kClientId,
-           .resources = {service_server.Origin() + "/", service_server.Origin() + "/discovery/"},
-           .access_token_lifetime = options.access_token_lifetime,
-           .device_code_lifetime = options.device_code_lifetime,
-           .device_poll_interval = options.device_poll_interval,
-           .revoke_used_refresh_tokens = options.revoke_used_refresh_tokens,
-           .refresh_token_file = Below(options.data_directory, "tokens.journal")},
-          DemoUser()),
+      authority({.origin = service_server.Origin(),
+                 .client_id = kClientId,
+                 .resources = {service_server.Origin() + "/",
+                               service_server.Origin() + "/discovery/", unified_server.Origin()},
+                 .access_token_lifetime = options.access_token_lifetime,
+                 .device_code_lifetime = options.device_code_lifetime,
+                 .device_poll_interval = options.device_poll_interval,
+                 .revoke_used_refresh_tokens = options.revoke_used_refresh_tokens,
+                 .refresh_token_file = Below(options.data_directory, "tokens.journal")},
+                DemoUser()),
       links(content_server.Origin() + kDownloadPath, options.download_link_lifetime),
       json({.endpoint = service_server.Origin() + kEndpointPath,
             .web_root = service_server.Origin() + "/personal"},
@@ -172,18 +178,22 @@ Service::Impl::Impl(ServiceOptions the_options)
            .json = json,
            .links = links,
            .sessions = sessions}),
-      contents({&user_drive, &other_drive}, links, sessions) {
+      contents({&user_drive, &other_drive}, links, sessions),
+      unified(unified_server.Origin(),
+              {.authority = authority, .drives = {&user_drive, &other_drive}, .json = json}) {
   if (options.seed && user_drive.IsEmpty() && other_drive.IsEmpty()) {
     SeedDemoDrives(user_drive, other_drive);
   }
   SaveDrives();
   service_server.Start([this](Request& request) { return Handle(request, &Impl::RouteService); });
   content_server.Start([this](Request& request) { return Handle(request, &Impl::RouteContent); });
+  unified_server.Start([this](Request& request) { return Handle(request, &Impl::RouteUnified); });
 }
 
 Service::Impl::~Impl() {
   service_server.Stop();
   content_server.Stop();
+  unified_server.Stop();
   try {
     SaveDrives();
   } catch (const std::exception&) {
@@ -255,15 +265,15 @@ Response Service::Impl::Act(Request& request, const std::optional<Fault>& fault,
 
 Response Service::Impl::RouteService(Request& request) {
   const std::string_view path = request.Path();
-  if (path == "/common/oauth2/token") return authority.Token(request);
-  if (path == "/common/oauth2/devicecode") return authority.DeviceCode(request);
-  if (path == "/common/oauth2/deviceauth") return authority.DevicePage(request);
-  if (path == "/discovery/v2.0/me/services") return Discover(request);
+  if (Authority::IsMine(path)) return authority.Handle(request);
+  if (path == "/discovery/v2.0/me/services" && options.discovery) return Discover(request);
   if (path.starts_with(std::string(kEndpointPath) + "/")) return api.Handle(request);
   throw ItemNotFound();
 }
 
 Response Service::Impl::RouteContent(Request& request) { return contents.Handle(request); }
+
+Response Service::Impl::RouteUnified(Request& request) { return unified.Handle(request); }
 
 Response Service::Impl::Discover(const Request& request) {
   if (request.method != "GET" && request.method != "POST" && request.method != "HEAD") {
@@ -283,6 +293,8 @@ Service::~Service() = default;
 
 std::string Service::Origin() const { return impl_->service_server.Origin(); }
 std::string Service::ContentOrigin() const { return impl_->content_server.Origin(); }
+std::string Service::UnifiedApiUrl() const { return impl_->unified_server.Origin(); }
+std::string Service::AuthorityUrl() const { return Origin() + "/organizations"; }
 std::string Service::TokenUrl() const { return Origin() + "/common/oauth2/token"; }
 std::string Service::DeviceCodeUrl() const { return Origin() + "/common/oauth2/devicecode"; }
 std::string Service::DiscoveryUrl() const { return Origin() + "/discovery/v2.0/me/services"; }
@@ -326,10 +338,12 @@ void Service::SetRequestRate(std::size_t per_second) { impl_->throttle.SetRate(p
 void Service::Vanish() {
   impl_->service_server.Vanish();
   impl_->content_server.Vanish();
+  impl_->unified_server.Vanish();
 }
 
 void Service::ComeBack() {
   impl_->content_server.ComeBack();
+  impl_->unified_server.ComeBack();
   impl_->service_server.ComeBack();
 }
 

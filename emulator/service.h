@@ -30,6 +30,7 @@ struct ServiceOptions {
   bool seed = true;                        // the demo drive; false: an empty drive
   std::filesystem::path data_directory{};  // empty: in memory only
   std::chrono::seconds access_token_lifetime{3600};
+  bool discovery = true;                    // false: as retired, it does not answer
   std::size_t page_size = 200;              // most entries on one page
   bool revoke_used_refresh_tokens = false;  // the real platform lets used ones work on
   std::chrono::seconds device_code_lifetime{900};
@@ -55,7 +56,9 @@ class Service {
 
   std::string Origin() const;         // "https://localhost:40001"
   std::string ContentOrigin() const;  // where contents come from: another port
-  std::string TokenUrl() const;
+  std::string UnifiedApiUrl() const;  // what is asked where a user's drive is: a third port
+  std::string AuthorityUrl() const;   // of the form v2.0: with a tenant as its path
+  std::string TokenUrl() const;       // of the form v1.0, as the two addresses below
   std::string DeviceCodeUrl() const;
   std::string DiscoveryUrl() const;
   std::string DiscoveryResource() const;

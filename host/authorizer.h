@@ -37,13 +37,6 @@ struct AuthorizerContext {
   Cancellation& cancellation;
 };
 
-/// What the authority said, in one line for people: "invalid_grant: ...", or what came instead of
-/// an error document. Holds no secret.
-std::string DescribeAuthorityError(const HttpResponse& response, const Redactor& redactor);
-
-/// A time in seconds, which the authority may write as a number or as text.
-std::optional<std::chrono::seconds> SecondsMember(const Json::Value& object, const char* name);
-
 class Authorizer final : public IProtocolAuth {
  public:
   /// When the newest access token was asked for, and for how long it is good.
@@ -57,6 +50,10 @@ class Authorizer final : public IProtocolAuth {
   char* Authorize(IProtocol_V2* protocol, const char* credential) override;
   void FreeResult(char* text) override;
 
+  /// A token for the host's own requests to `resource`. Throws Failure, or HttpError when there is
+  /// no answer.
+  std::string AccessToken(const std::string& resource);
+
   TokenLife token_life() const;
 
   /// Why the newest Authorize failed; nothing when it did not.
@@ -66,6 +63,7 @@ class Authorizer final : public IProtocolAuth {
 
  private:
   std::string Exchange(const Json::Value& credential);
+  std::string Tokens(const std::string& resource, const std::string& fallback);
   HttpResponse Request(const std::string& refresh_token, const std::string& resource);
   std::string AcceptTokens(const HttpResponse& response, BootClock::time_point asked);
 

@@ -5,7 +5,8 @@
 #include <optional>
 
 #include "base/json_text.h"
-#include "host/authorizer.h"
+#include "host/authority.h"
+#include "host/authority_error.h"
 #include "host/failure.h"
 #include "host/text.h"
 
@@ -35,36 +36,31 @@ seconds Limited(std::optional<seconds> time, seconds fallback, seconds most) {
   return std::clamp(time.value_or(fallback), seconds(1), most);
 }
 
-Failure LoginFailure(const std::string& reason) {
-  return Failure(FailureKind::kSignIn, "the login failed: " + reason);
-}
+Failure Expired() { return LoginFailure("the code expired before it was entered"); }
 
 class DeviceLogin {
  public:
-  explicit DeviceLogin(const DeviceLoginContext& context) : context_(context) {}
+  explicit DeviceLogin(const LoginContext& context) : context_(context) {}
 
   DeviceCode RequestCode() const {
     const ServiceSettings& settings = context_.settings;
     const std::string url = DeviceUrl(settings.token_url);
     if (url.empty()) throw LoginFailure("no device login is known for this token address");
-    HttpResponse response;
-    try {
-      response = Post(url, {{"client_id", settings.client_id}, {"resource", Resource()}});
-    } catch (const HttpError& error) {
-      throw LoginFailure("the authority at " + url + " cannot be reached: " + error.what());
-    }
+    const HttpResponse response = PostToAuthority(
+        context_, url,
+        {{"client_id", settings.client_id}, WantedField(settings.token_url, context_.resource)});
     const std::optional<Json::Value> document = base::ParseJsonObject(response.body);
+    const auto text = [&](const char* name) {
+      return document ? base::TextMember(*document, name).value_or("") : std::string();
+    };
     DeviceCode code;
-    if (document) {
-      code.device_code = base::TextMember(*document, "device_code").value_or("");
-      code.user_code = base::TextMember(*document, "user_code").value_or("");
-      code.address = base::TextMember(*document, "verification_url").value_or("");
-      if (code.address.empty())
-        code.address = base::TextMember(*document, "verification_uri").value_or("");
-    }
+    code.device_code = text("device_code");
+    code.user_code = text("user_code");
+    code.address = text("verification_uri");
+    if (code.address.empty()) code.address = text("verification_url");  // the older form's name
     if (response.status != 200 || code.device_code.empty() || code.user_code.empty() ||
         code.address.empty()) {
-      throw LoginFailure(DescribeAuthorityError(response, context_.redactor));
+      throw LoginFailure(AuthorityFailure(response, context_.redactor));
     }
     code.interval =
         Limited(SecondsMember(*document, "interval"), kDefaultInterval, kLongestInterval);
@@ -80,66 +76,54 @@ class DeviceLogin {
       context_.cancellation.Wait(interval);
       HttpResponse response;
       try {
-        response = Post(context_.settings.token_url, {{"grant_type", "device_code"},
-                                                      {"client_id", context_.settings.client_id},
-                                                      {"resource", Resource()},
-                                                      {"code", code.device_code}});
+        response = context_.http.PostForm(context_.settings.token_url, PollFields(code),
+                                          &context_.cancellation);
       } catch (const HttpError& error) {
         context_.cancellation.Check();
         context_.log.Line(LOGLEVEL_ERROR, std::string("[AUTHORITY ] ") + error.what());
         interval = std::min(interval * 2, kLongestInterval);
         continue;
       }
-      if (response.status == 200) return RefreshToken(response);
-      const auto document = base::ParseJsonObject(response.body);
-      const std::string error = document ? base::TextMember(*document, "error").value_or("") : "";
+      context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] HTTP " + std::to_string(response.status));
+      if (response.status == 200) return RefreshTokenIn(context_, response);
+      const std::string error = AuthorityError(response);
       if (error == "slow_down") {
         interval = std::min(interval + kSlowDown, kLongestInterval);
+      } else if (error.empty() || response.status == 429) {
+        interval = std::min(interval * 2, kLongestInterval);  // a server that has trouble
       } else if (error != "authorization_pending") {
         throw Refusal(error, response);
       }
     }
-    throw LoginFailure("the code expired before it was entered");
+    throw Expired();
   }
 
  private:
-  std::string Resource() const {
+  FormFields PollFields(const DeviceCode& code) const {
     const ServiceSettings& settings = context_.settings;
-    return settings.service_resource.empty() ? settings.discovery_resource
-                                             : settings.service_resource;
-  }
-
-  HttpResponse Post(const std::string& url, const FormFields& fields) const {
-    context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] POST " + url);
-    HttpResponse response = context_.http.PostForm(url, fields, &context_.cancellation);
-    context_.log.Line(LOGLEVEL_INFO, "[AUTHORITY ] HTTP " + std::to_string(response.status));
-    return response;
-  }
-
-  std::string RefreshToken(const HttpResponse& response) const {
-    const auto document = base::ParseJsonObject(response.body);
-    std::string token = document ? base::TextMember(*document, "refresh_token").value_or("") : "";
-    if (token.empty()) throw LoginFailure("the authority's answer has no refresh token");
-    context_.redactor.AddToken(token);
-    return token;
+    if (IsOldForm(settings.token_url)) {
+      return {{"grant_type", "device_code"},
+              {"client_id", settings.client_id},
+              {"resource", context_.resource},
+              {"code", code.device_code}};
+    }
+    return {{"grant_type", "urn:ietf:params:oauth:grant-type:device_code"},
+            {"client_id", settings.client_id},
+            {"device_code", code.device_code}};
   }
 
   Failure Refusal(const std::string& error, const HttpResponse& response) const {
-    if (error == "authorization_declined" || error == "access_denied") {
-      return LoginFailure("it was declined in the browser");
-    }
-    if (error == "expired_token" || error == "code_expired") {
-      return LoginFailure("the code expired before it was entered");
-    }
-    return LoginFailure(DescribeAuthorityError(response, context_.redactor));
+    if (error == "authorization_declined") return LoginFailure("it was declined in the browser");
+    if (error == "expired_token" || error == "code_expired") return Expired();
+    return LoginFailure(AuthorityFailure(response, context_.redactor));
   }
 
-  const DeviceLoginContext& context_;
+  const LoginContext& context_;
 };
 
 }  // namespace
 
-std::string LogInByDevice(const DeviceLoginContext& context, const ShowCode& show) {
+std::string LogInByDevice(const LoginContext& context, const ShowCode& show) {
   const DeviceLogin login(context);
   const DeviceCode code = login.RequestCode();
   show(EscapeForTerminal(code.address), EscapeForTerminal(code.user_code));

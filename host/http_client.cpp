@@ -1,5 +1,6 @@
 #include "host/http_client.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <memory>
@@ -23,6 +24,12 @@ void Set(CURL* curl, Value value) {
   }
 }
 
+EasyHandle StartedHandle() {
+  EasyHandle curl(curl_easy_init(), &curl_easy_cleanup);
+  if (!curl) throw HttpError("libcurl could not be started");
+  return curl;
+}
+
 std::size_t Collect(char* data, std::size_t size, std::size_t count, void* body) noexcept {
   auto& text = *static_cast<std::string*>(body);
   const std::size_t bytes = size * count;
@@ -39,20 +46,11 @@ int CheckCancelled(void* cancellation, curl_off_t, curl_off_t, curl_off_t, curl_
   return static_cast<const Cancellation*>(cancellation)->raised() ? 1 : 0;
 }
 
-std::string Escaped(CURL* curl, const std::string& text) {
+std::string Escaped(const std::string& text) {
   const std::unique_ptr<char, decltype(&curl_free)> escaped(
-      curl_easy_escape(curl, text.data(), static_cast<int>(text.size())), &curl_free);
+      curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), &curl_free);
   if (!escaped) throw std::bad_alloc();
   return escaped.get();
-}
-
-std::string FormText(CURL* curl, const FormFields& fields) {
-  std::string text;
-  for (const auto& [name, value] : fields) {
-    if (!text.empty()) text += '&';
-    text += Escaped(curl, name) + "=" + Escaped(curl, value);
-  }
-  return text;
 }
 
 void SetProxy(CURL* curl, const ProxySettings& proxy) {
@@ -114,37 +112,64 @@ void CheckProxy(CURL* curl, CURLcode code, const std::string& reason) {
 
 }  // namespace
 
+std::string EncodeForm(const FormFields& fields) {
+  std::string text;
+  for (const auto& [name, value] : fields) {
+    if (!text.empty()) text += '&';
+    text += Escaped(name) + "=" + Escaped(value);
+  }
+  return text;
+}
+
 HttpResponse HttpClient::PostForm(const std::string& url, const FormFields& fields,
                                   const Cancellation* cancellation) const {
-  const EasyHandle curl(curl_easy_init(), &curl_easy_cleanup);
-  if (!curl) throw HttpError("libcurl could not be started");
-  Configure(curl.get(), settings_);
-  const ProxySettings proxy = settings_.proxy.For(url);
-  SetProxy(curl.get(), proxy);
-  AbortWhenRaised(curl.get(), cancellation);
-  const std::string form = FormText(curl.get(), fields);
-  HttpResponse response;
-  std::array<char, CURL_ERROR_SIZE> reason{};
-  Set<CURLOPT_ERRORBUFFER>(curl.get(), reason.data());
-  Set<CURLOPT_URL>(curl.get(), url.c_str());
+  const EasyHandle curl = StartedHandle();
+  const std::string form = EncodeForm(fields);
   Set<CURLOPT_POSTFIELDS>(curl.get(), form.c_str());
   Set<CURLOPT_POSTFIELDSIZE>(curl.get(), static_cast<long>(form.size()));
-  Set<CURLOPT_WRITEFUNCTION>(curl.get(), &Collect);
-  Set<CURLOPT_WRITEDATA>(curl.get(), static_cast<void*>(&response.body));
-  if (const CURLcode code = curl_easy_perform(curl.get()); code != CURLE_OK) {
+  return Perform(curl.get(), url, cancellation);
+}
+
+HttpResponse HttpClient::Get(const std::string& url, const std::string& token,
+                             const Cancellation* cancellation) const {
+  const auto printable = [](char c) { return c > ' ' && c <= '~'; };
+  if (token.empty() || !std::all_of(token.begin(), token.end(), printable)) {
+    throw HttpError("the authority's token is no token (RFC 6750, section 2.1)");
+  }
+  const EasyHandle curl = StartedHandle();
+  // CURLAUTH_BEARER is unsigned; libcurl reads a long.
+  Set<CURLOPT_HTTPAUTH>(curl.get(), static_cast<long>(CURLAUTH_BEARER));
+  Set<CURLOPT_XOAUTH2_BEARER>(curl.get(), token.c_str());
+  return Perform(curl.get(), url, cancellation);
+}
+
+HttpResponse HttpClient::Perform(void* handle, const std::string& url,
+                                 const Cancellation* cancellation) const {
+  CURL* const curl = handle;
+  Configure(curl, settings_);
+  const ProxySettings proxy = settings_.proxy.For(url);
+  SetProxy(curl, proxy);
+  AbortWhenRaised(curl, cancellation);
+  HttpResponse response;
+  std::array<char, CURL_ERROR_SIZE> reason{};
+  Set<CURLOPT_ERRORBUFFER>(curl, reason.data());
+  Set<CURLOPT_URL>(curl, url.c_str());
+  Set<CURLOPT_WRITEFUNCTION>(curl, &Collect);
+  Set<CURLOPT_WRITEDATA>(curl, static_cast<void*>(&response.body));
+  if (const CURLcode code = curl_easy_perform(curl); code != CURLE_OK) {
     if (code == CURLE_WRITE_ERROR) throw HttpError("the answer is too long");
     const std::string text = reason[0] != '\0' ? reason.data() : curl_easy_strerror(code);
-    if (!proxy.type.empty()) CheckProxy(curl.get(), code, text);
+    if (!proxy.type.empty()) CheckProxy(curl, code, text);
     throw HttpError(text);
   }
-  curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &response.status);
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &response.status);
   constexpr long kProxyAuthenticationRequired = 407;
   if (response.status == kProxyAuthenticationRequired) {
     throw ProxyError(SOCK_PROXY_AUTH_REQUIRED,
                      "the proxy rejected the user name or password: HTTP 407");
   }
   const char* type = nullptr;
-  curl_easy_getinfo(curl.get(), CURLINFO_CONTENT_TYPE, &type);
+  curl_easy_getinfo(curl, CURLINFO_CONTENT_TYPE, &type);
   if (type != nullptr) response.content_type = type;
   return response;
 }

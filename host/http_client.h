@@ -47,6 +47,9 @@ class ProxyError : public HttpError {
 
 using FormFields = std::vector<std::pair<std::string, std::string>>;
 
+/// The fields as a query or as the body of a form.
+std::string EncodeForm(const FormFields& fields);
+
 class HttpClient {
  public:
   explicit HttpClient(HttpSettings settings) : settings_(std::move(settings)) {}
@@ -57,7 +60,14 @@ class HttpClient {
   HttpResponse PostForm(const std::string& url, const FormFields& fields,
                         const Cancellation* cancellation = nullptr) const;
 
+  /// GETs with a bearer token, on the same terms.
+  HttpResponse Get(const std::string& url, const std::string& token,
+                   const Cancellation* cancellation = nullptr) const;
+
  private:
+  HttpResponse Perform(void* handle, const std::string& url,
+                       const Cancellation* cancellation) const;
+
   HttpSettings settings_;
 };
 

@@ -58,7 +58,7 @@ std::filesystem::path ProfileFile(const std::string& name) {
   return folder / "onedrive4b" / (name + ".json");
 }
 
-Profile::Profile(ValueStore& store, std::string name) : store_(store), name_(std::move(name)) {}
+Profile::Profile(ValueStore& store, std::string name) : store_(&store), name_(std::move(name)) {}
 
 AERROR Profile::GetPID(const char* /*module_key*/, char* buffer, int* length) {
   return CopyText(name_, buffer, length);
@@ -72,7 +72,7 @@ AERROR Profile::SetValue(const char* pid, const char* key, const char* value) {
       withdrawn_ = *value == '\0';
       if (withdrawn_ || obtained_) return SUCCESS;
     }
-    store_.Set(pid, key, value);
+    store().Set(pid, key, value);
   } catch (const std::exception&) {
     return SAVE_FAILED;
   }
@@ -87,13 +87,13 @@ AERROR Profile::GetValue(const char* pid, const char* key, char* buffer, int* le
       if (withdrawn_) return CopyText("", buffer, length);
     }
     // A token longer than the module's buffer stays with the host, which knows it anyway.
-    return CopyText(store_.Get(pid, key), buffer, length);
+    return CopyText(store().Get(pid, key), buffer, length);
   } catch (const std::exception&) {
     return FAILED;
   }
 }
 
-std::string Profile::RefreshToken() { return store_.Get(name_, kRefreshToken); }
+std::string Profile::RefreshToken() { return store().Get(name_, kRefreshToken); }
 
 void Profile::KeepRefreshToken(const std::string& token) {
   {
@@ -101,28 +101,36 @@ void Profile::KeepRefreshToken(const std::string& token) {
     obtained_ = true;
     withdrawn_ = false;
   }
-  store_.Set(name_, kRefreshToken, token);
+  store().Set(name_, kRefreshToken, token);
 }
 
 ServiceSettings Profile::Settings() {
   ServiceSettings settings;
   for (const ServiceSetting& setting : kServiceSettings) {
-    settings.*setting.member = store_.Get(kSettingsSection, setting.name);
+    settings.*setting.member = store().Get(kSettingsSection, setting.name);
   }
   return settings;
 }
 
 void Profile::KeepSettings(const ServiceSettings& settings) {
-  const ValueStore::Hold hold(store_);
+  const ValueStore::Hold hold(store());
   for (const ServiceSetting& setting : kServiceSettings) {
-    store_.Set(kSettingsSection, setting.name, settings.*setting.member);
+    store().Set(kSettingsSection, setting.name, settings.*setting.member);
   }
 }
 
 void Profile::SignOut() {
-  const ValueStore::Hold hold(store_);
-  store_.Erase(name_);
-  store_.Erase(kSettingsSection);
+  const ValueStore::Hold hold(store());
+  store().Erase(name_);
+}
+
+void Profile::MoveTo(ValueStore& store) {
+  const std::string token = RefreshToken();
+  const ServiceSettings settings = Settings();
+  store_ = &store;
+  const ValueStore::Hold hold(store);
+  KeepSettings(settings);
+  KeepRefreshToken(token);
 }
 
 }  // namespace host

@@ -12,6 +12,7 @@
 // Lifetime: the store must outlive the profile, the profile the protocol objects made with it.
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -40,7 +41,7 @@ class Profile final : public IProtocolManager {
 
   /// Keeps other processes of this profile out while a token is exchanged, so that two of them
   /// never spend the same one.
-  [[nodiscard]] ValueStore::Hold HoldStore() { return ValueStore::Hold(store_); }
+  [[nodiscard]] ValueStore::Hold HoldStore() { return ValueStore::Hold(store()); }
 
   /// The newest refresh token, withdrawn by the module or not; empty when there is none.
   std::string RefreshToken();
@@ -51,11 +52,18 @@ class Profile final : public IProtocolManager {
   ServiceSettings Settings();
   void KeepSettings(const ServiceSettings& settings);
 
-  /// Forgets tokens and settings.
+  /// Forgets the tokens; the settings stay for the next sign-in.
   void SignOut();
 
+  /// Copies what was kept so far to `store`, and keeps all there from then on. For a sign-in that
+  /// has yet to succeed: it begins with a store in memory. No other operation may be running, and
+  /// the store must outlive the profile, too.
+  void MoveTo(ValueStore& store);
+
  private:
-  ValueStore& store_;
+  ValueStore& store() const { return *store_; }
+
+  std::atomic<ValueStore*> store_;
   const std::string name_;  ///< also the id under which the module's values are stored
   std::mutex mutex_;
   bool withdrawn_ = false;  ///< the module removed the token and gave no other

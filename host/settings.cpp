@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "base/json_text.h"
+#include "host/authority.h"
 #include "host/failure.h"
 #include "host/local_files.h"
 #include "host/text.h"
@@ -29,7 +30,10 @@ void CheckAddress(const char* name, const std::string& address) {
 }  // namespace
 
 void FillMissing(ServiceSettings& settings, const ServiceSettings& fallback) {
-  const bool drive_is_known = !settings.discovery_url.empty() || !settings.service_endpoint.empty();
+  const bool other_cloud =
+      !settings.unified_api.empty() && settings.unified_api != fallback.unified_api;
+  const bool drive_is_known =
+      !settings.discovery_url.empty() || !settings.service_endpoint.empty() || other_cloud;
   for (const ServiceSetting& setting : kServiceSettings) {
     std::string& value = settings.*setting.member;
     if (value.empty() && !(setting.finds_drive && drive_is_known)) {
@@ -38,15 +42,33 @@ void FillMissing(ServiceSettings& settings, const ServiceSettings& fallback) {
   }
 }
 
-void SetAuthority(ServiceSettings& settings, std::string authority) {
-  while (authority.ends_with('/')) authority.pop_back();
-  if (settings.token_url.empty()) settings.token_url = authority + "/common/oauth2/token";
+void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice) {
+  const std::string address = choice.authority.empty() ? settings.token_url : choice.authority;
+  const Cloud* cloud = CloudOfAuthority(address);
+  if (!choice.cloud.empty()) cloud = FindCloud(choice.cloud);
+  if (!choice.cloud.empty() && cloud == nullptr) {
+    throw Failure(FailureKind::kUsage, "there is no cloud " + Quoted(choice.cloud));
+  }
+  if (address.empty() && cloud == nullptr) cloud = Clouds().data();
+  if (settings.token_url.empty()) {
+    settings.token_url =
+        TokenUrl(choice.authority.empty() ? cloud->authority : choice.authority, choice.tenant);
+  }
+  if (!settings.unified_api.empty()) return;
+  if (cloud != nullptr) {
+    settings.unified_api = cloud->unified_api;
+  } else {
+    // Of an authority that is in no cloud we know of, only its own host can be asked.
+    const Url url(settings.token_url);
+    settings.unified_api = url.Part(CURLUPART_SCHEME) + "://" + url.Part(CURLUPART_HOST);
+    if (const std::string port = url.Part(CURLUPART_PORT); !port.empty()) {
+      settings.unified_api += ':' + port;
+    }
+  }
 }
 
-std::string DeviceUrl(const std::string& token_url) {
-  constexpr std::string_view kToken = "/token";
-  if (!token_url.ends_with(kToken)) return {};
-  return token_url.substr(0, token_url.size() - kToken.size()) + "/devicecode";
+bool NeedsDrive(const ServiceSettings& settings) {
+  return settings.service_endpoint.empty() && settings.discovery_url.empty();
 }
 
 void CheckSettings(const ServiceSettings& settings) {
@@ -66,6 +88,7 @@ void CheckSettings(const ServiceSettings& settings) {
   if (!settings.service_endpoint.empty()) {
     CheckAddress("the service endpoint", settings.service_endpoint);
   }
+  if (!settings.unified_api.empty()) CheckAddress("the unified API", settings.unified_api);
 }
 
 ServiceFile ReadServiceFile(const std::filesystem::path& file) {
@@ -78,8 +101,10 @@ ServiceFile ReadServiceFile(const std::filesystem::path& file) {
   for (const ServiceSetting& setting : kServiceSettings) {
     result.settings.*setting.member = base::TextMember(*document, setting.name).value_or("");
   }
-  // Such a file tells both ways to the drive; discovery is the one that a real account takes.
-  if (!result.settings.discovery_url.empty()) {
+  // Such a file tells all ways to the drive; the first of these is the one a real account takes.
+  const bool is_asked_for = !result.settings.unified_api.empty();
+  if (is_asked_for) result.settings.discovery_url.clear();
+  if (is_asked_for || !result.settings.discovery_url.empty()) {
     result.settings.service_endpoint.clear();
     result.settings.service_resource.clear();
   }

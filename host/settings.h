@@ -20,6 +20,8 @@ struct ServiceSettings {
   std::string discovery_resource;  ///< what discovery tokens are for
   std::string service_endpoint;    ///< given together with `service_resource`: no discovery
   std::string service_resource;
+  std::string unified_api;  ///< what is asked where the user's drive is, without a path
+  std::string drive_from;   ///< where `service_endpoint` is from: one of kDriveFrom...
 };
 
 /// A member of ServiceSettings and its name in profiles and service files.
@@ -29,28 +31,40 @@ struct ServiceSetting {
   bool finds_drive = false;  ///< one of the two ways to the user's drive
 };
 
-inline constexpr std::array<ServiceSetting, 6> kServiceSettings = {{
+inline constexpr std::array<ServiceSetting, 8> kServiceSettings = {{
     {"token_url", &ServiceSettings::token_url},
     {"client_id", &ServiceSettings::client_id},
     {"discovery_resource", &ServiceSettings::discovery_resource},
     {"discovery_url", &ServiceSettings::discovery_url, true},
     {"service_endpoint", &ServiceSettings::service_endpoint, true},
     {"service_resource", &ServiceSettings::service_resource, true},
+    {"drive_from", &ServiceSettings::drive_from, true},
+    {"unified_api", &ServiceSettings::unified_api},
 }};
 
-inline constexpr const char* kDefaultAuthority = "https://login.microsoftonline.com";
 inline constexpr const char* kDefaultDiscoveryResource = "https://api.office.com/discovery/";
+
+inline constexpr const char* kDriveFromUnifiedApi = "unified API";
+inline constexpr const char* kDriveFromSite = "site";
+inline constexpr const char* kDriveFromUser = "given";
 
 /// Fills members of `settings` that are empty from `fallback`. The members that find the drive are
 /// taken together or not at all: half of one deployment and half of another would find none.
 void FillMissing(ServiceSettings& settings, const ServiceSettings& fallback);
 
-/// Sets the token address, unless it is set, to that of an authority such as
-/// "https://login.example".
-void SetAuthority(ServiceSettings& settings, std::string authority);
+/// Which authority, and where the drive is asked for: what neither option nor profile says.
+struct AuthorityChoice {
+  std::string cloud;      ///< its name; empty: of the authority, or global
+  std::string authority;  ///< empty: the cloud's
+  std::string tenant;     ///< empty: kDefaultTenant
+};
 
-/// Where a device login starts: beside the token address. Empty when that has another form.
-std::string DeviceUrl(const std::string& token_url);
+/// Fills the token address and that of the unified API where they are not set. Throws a kUsage
+/// Failure when there is no such cloud.
+void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice);
+
+/// Whether the drive's address has to be found before it can be used.
+bool NeedsDrive(const ServiceSettings& settings);
 
 /// Throws a kUsage Failure naming the setting that is missing, is not an http or https URL, or
 /// would send tokens unencrypted to another machine.

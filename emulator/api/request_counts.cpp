@@ -28,7 +28,9 @@ Kind KindOfChanging(const ItemAddress& address) {
 
 Kind KindOf(const Request& request, std::string_view endpoint_path) {
   const std::string_view path = request.Path();
-  if (path.starts_with("/common/") || path.starts_with("/discovery/")) {
+  const bool signs_in = path.find("/oauth2/") != std::string_view::npos ||
+                        path.starts_with("/discovery/") || path == "/v1.0/me/drive";
+  if (signs_in && !path.starts_with(endpoint_path)) {
     return &CountsByKind::sign_in;
   }
   if (path.ends_with("/download.aspx")) return &CountsByKind::download;

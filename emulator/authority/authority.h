@@ -1,5 +1,6 @@
-// The OAuth 2.0 token endpoint, version 1.0 of the service's identity platform: refresh tokens, the
-// device-code flow, and the access tokens both give.
+// The OAuth 2.0 authority in both forms of the service's identity platform: v1.0, which is asked
+// for resources, and v2.0, which is asked for scopes. Refresh tokens, the device-code flow, the
+// authorization code flow with PKCE, and the access tokens that all three give.
 // Threads: callable from any. Lifetime: all tokens die with the object, but for refresh tokens that
 // a file keeps.
 #pragma once
@@ -36,12 +37,10 @@ class Authority {
  public:
   Authority(AuthorityOptions options, Identity user);
 
-  /// POST .../oauth2/token
-  Response Token(Request& request);
-  /// POST .../oauth2/devicecode
-  Response DeviceCode(Request& request);
-  /// GET and POST .../oauth2/deviceauth: where a person enters the code.
-  Response DevicePage(Request& request);
+  /// Whether the path is one of the authority's: "/{tenant}/oauth2/..." or
+  /// "/{tenant}/oauth2/v2.0/...".
+  static bool IsMine(std::string_view path);
+  Response Handle(Request& request);
 
   /// The user the request's bearer token speaks for. Throws ServiceError (401) when the token is
   /// missing, unknown, expired, or meant for another resource.
@@ -66,13 +65,39 @@ class Authority {
     std::optional<std::chrono::steady_clock::time_point> last_poll;
     std::optional<bool> approved;
   };
+  struct Code {
+    std::string redirect_uri;
+    std::string challenge;  // empty: the request came without one
+    std::string resource;
+    Seconds expires;
+    bool redeemed = false;
+  };
+  /// A request, read: its form, and what it asks tokens for.
+  struct Call {
+    Request& request;
+    bool v2 = false;
+    FormFields form = {};
+    std::string resource = {};
+    bool renewable = true;  // v2 gives a refresh token only when "offline_access" is asked for
+  };
 
-  Response TokenByRefresh(const FormFields& form);
-  Response TokenByDevice(const FormFields& form);
-  /// The refusal of a resource or client; nullopt: both will do.
+  /// POST .../token
+  Response Token(Call& call);
+  Response TokenByRefresh(Call& call);
+  Response TokenByDevice(const Call& call);
+  Response TokenByCode(const Call& call);
+  /// POST .../devicecode
+  Response DeviceCode(Call& call);
+  /// GET and POST .../deviceauth: where a person enters the code.
+  Response DevicePage(Call& call);
+  /// GET and POST .../authorize: where a browser asks a person for consent.
+  Response Authorize(Call& call);
+  std::string NewCode(const Call& call);
+  /// The refusal of a client; nullopt: it will do.
   std::optional<Response> CheckClient(const FormFields& form) const;
-  std::optional<Response> CheckResource(const FormFields& form) const;
-  Response Grant(const Identity& user, const std::string& resource);
+  /// Reads what is asked for into the call; the refusal when that cannot be given.
+  std::optional<Response> ReadWanted(Call& call) const;
+  Response Grant(const Identity& user, const Call& call, const std::string& resource);
 
   const AuthorityOptions options_;
   const Identity user_;  // who signs in on the device page
@@ -80,6 +105,7 @@ class Authority {
   RefreshTokens refresh_tokens_;
   std::map<std::string, AccessToken, std::less<>> access_tokens_;
   std::map<std::string, Device, std::less<>> devices_;  // by device code
+  std::map<std::string, Code, std::less<>> codes_;
 };
 
 }  // namespace emulator

@@ -243,5 +243,58 @@ TEST_F(CommandsTest, TokensGoToEncryptedAddressesOnly) {
   }
 }
 
+class LoginCommandTest : public ProgramTest {
+ protected:
+  void SetUp() override { std::filesystem::create_directory(work_); }
+
+  /// Runs a login, answering with `answer` as soon as it shows its code.
+  Outcome LogIn(bool (emulator::Service::*answer)(const std::string&)) {
+    const pid_t child =
+        Start({"login", "--device", "--client-id", service_.ClientId(), "--authority",
+               service_.AuthorityUrl(), "--unified-api", service_.UnifiedApiUrl()});
+    std::string code;
+    EXPECT_TRUE(Eventually([&] {
+      const std::string out = Read(folder_ / "out");
+      const std::size_t at = out.find("code\n  ");
+      if (at != std::string::npos) code = out.substr(at + 7, 9);
+      return code.size() == 9;
+    }));
+    EXPECT_TRUE((service_.*answer)(code));
+    return Wait(child);
+  }
+
+  const std::filesystem::path profile_ = folder_ / "state/onedrive4b/p.json";
+};
+
+TEST_F(LoginCommandTest, FindsTheDriveAndReplacesAProfileOnlyByWhatWorks) {
+  const Outcome login = LogIn(&emulator::Service::ApproveDevice);
+  EXPECT_EQ(login.code, 0) << login.err;
+  EXPECT_NE(login.out.find("Signed in as Demo User"), std::string::npos) << login.out;
+  EXPECT_NE(login.out.find(service_.ServiceEndpoint()), std::string::npos) << login.out;
+  service_.ClearRequests();
+  EXPECT_EQ(Run({"ls"}).code, 0);
+  EXPECT_EQ(CountRequests("GET", "/me/drive"), 0U) << "it is asked once";
+
+  const Outcome declined = LogIn(&emulator::Service::DeclineDevice);
+  EXPECT_EQ(declined.code, 4);
+  EXPECT_NE(declined.err.find("declined"), std::string::npos) << declined.err;
+  EXPECT_EQ(Run({"ls"}).code, 0) << "the old sign-in is good";
+
+  EXPECT_EQ(Run({"logout"}).code, 0);
+  EXPECT_EQ(Run({"ls"}).code, 4);
+}
+
+TEST_F(LoginCommandTest, AsksAgainWhereADriveIsThatHasMoved) {
+  ASSERT_EQ(LogIn(&emulator::Service::ApproveDevice).code, 0);
+  std::string text = Read(profile_);
+  const std::string here = "demo_contoso_example";
+  ASSERT_NE(text.find(here), std::string::npos);
+  text.replace(text.find(here), here.size(), "old_name");
+  std::ofstream(profile_) << text;
+  const Outcome outcome = Run({"ls"});
+  EXPECT_EQ(outcome.code, 0) << outcome.err;
+  EXPECT_NE(Read(profile_).find(here), std::string::npos);
+}
+
 }  // namespace
 }  // namespace cli

@@ -43,6 +43,7 @@ class ProgramTest : public host::FolderTest {
     options.tls = false;
     options.seed = false;
     options.revoke_used_refresh_tokens = true;
+    options.device_poll_interval = std::chrono::seconds(1);
     return options;
   }
 

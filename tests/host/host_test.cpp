@@ -203,21 +203,9 @@ TEST_F(AuthorizerTest, FailuresAreClearHoldNoSecretAndCostNoSignIn) {
   EXPECT_TRUE(service_.UnfiredFaults().empty());
 }
 
-TEST_F(AuthorizerTest, DeviceLoginWaitsForTheBrowser) {
-  const DeviceLoginContext context{settings_, http_, cancellation_, log_, redactor_};
-  const auto log_in = [&](auto answer) {
-    return LogInByDevice(
-        context, [&](const std::string&, const std::string& code) { EXPECT_TRUE(answer(code)); });
-  };
-  EXPECT_NE(log_in([&](const std::string& code) { return service_.ApproveDevice(code); }), "");
-  EXPECT_EQ(KindOf([&] {
-              log_in([&](const std::string& code) { return service_.DeclineDevice(code); });
-            }),
-            FailureKind::kSignIn);
-}
-
 TEST_F(AuthorizerTest, NobodyWaitsForAnythingOnceItIsCancelled) {
-  const DeviceLoginContext context{settings_, http_, cancellation_, log_, redactor_};
+  const std::string resource = service_.ServiceResource();
+  const LoginContext context{settings_, resource, http_, cancellation_, log_, redactor_};
   std::thread other;
   const auto begin = std::chrono::steady_clock::now();
   const auto kind = KindOf([&] {

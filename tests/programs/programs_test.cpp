@@ -137,7 +137,7 @@ TEST_F(ProgramsTest, SayWhatFailedAndExitAccordingly) {
            Case{"no-such-command", 2, "--help"},
            {"ls '/My Drive/nowhere'", 5, "nowhere"},
            {"--module /nonexistent.so whoami", 3, "/nonexistent.so"},
-           {"--proxy http://127.0.0.1:1 whoami", 7, "SOCK_PROXY_CONNECTION_REFUSED"},
+           {"--proxy http://127.0.0.1:1 whoami", 7, "the proxy cannot be reached"},
            {"get '/My Drive/Welcome.txt' /nonexistent/x", 6, "/nonexistent"},
        }) {
     SCOPED_TRACE(c.arguments);
