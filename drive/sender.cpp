@@ -333,6 +333,17 @@ std::string Sender::SentBy(const Task& task) {
 }
 
 /// What the service has under the name that the step wanted.
+/// What the service has in the folder: nothing when it has no such folder any more.
+std::vector<RemoteItem> Sender::EntriesOf(const std::string& folder_id) {
+  if (folder_id.empty()) return {};
+  try {
+    return core_.remote.List(folder_id);
+  } catch (const RemoteError& failure) {
+    if (failure.trouble() != Trouble::kNotFound) throw;
+    return {};
+  }
+}
+
 Sender::Found Sender::LookAt(const Task& task) {
   Answers::Question question = 0;
   {
@@ -343,7 +354,7 @@ Sender::Found Sender::LookAt(const Task& task) {
   std::optional<RemoteError> failure;
   try {
     const std::string key = NameKey(task.step.to.name);
-    for (RemoteItem& item : core_.remote.List(task.folder_id)) {
+    for (RemoteItem& item : EntriesOf(task.folder_id)) {
       if (NameKey(item.name) == key) found.entry = std::move(item);
     }
     if (found.entry) found.was_sent = WasSent(SentBy(task), *found.entry, task.stop);

@@ -12,6 +12,7 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 #include "drive/contents.h"
 #include "drive/core.h"
@@ -79,6 +80,7 @@ class Sender {
     bool was_sent = false;  ///< its content is one that was sent from here
     bool outdated = false;  ///< it was changed from here since the service was asked
   };
+  std::vector<RemoteItem> EntriesOf(const std::string& folder_id);
   Found LookAt(const Task& task);
   void SolveTaken(const Task& task);
   void GiveWay(Change& change, const Place& place, Item item, std::optional<Item> known,
