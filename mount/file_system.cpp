@@ -98,11 +98,13 @@ struct stat FileSystem::SetAttributes(fuse_ino_t inode, const struct stat& wante
     change.modified = TimeOf(wanted.st_mtim);
   }
   if (!change.executable && !change.size && !change.modified) return GetAttributes(inode);
-  return StatOf(drive_.Set(NumberOf(inode), change, std::move(stop)));
+  const struct stat result = StatOf(drive_.Set(NumberOf(inode), change, std::move(stop)));
+  if (IsOtherSpelling(inode)) notifier_.SizeChanged(NumberOf(inode));
+  return result;
 }
 
 double FileSystem::TimeoutOf(fuse_ino_t inode) const {
-  if ((inode & kOtherSpelling) != 0) return 0;
+  if (IsOtherSpelling(inode)) return 0;
   return static_cast<double>(options_.timeout.count());
 }
 
@@ -240,6 +242,7 @@ void FileSystem::Open(fuse_ino_t inode, fuse_file_info& info, std::stop_token st
   const bool write = (info.flags & O_ACCMODE) != O_RDONLY;
   const drive::OpenMode mode{.write = write, .truncate = write && (info.flags & O_TRUNC) != 0};
   AddHandle(inode, drive_.Open(NumberOf(inode), mode, std::move(stop)), info);
+  if (mode.truncate && IsOtherSpelling(inode)) notifier_.SizeChanged(NumberOf(inode));
 }
 
 fuse_entry_param FileSystem::Create(fuse_ino_t folder, const char* name, mode_t mode,
@@ -272,6 +275,7 @@ void FileSystem::Write(const fuse_file_info& info, off_t offset, std::span<const
                        std::stop_token stop) {
   const FileHandle& handle = files_.At(info.fh);
   drive_.Write(*handle.file, offset, data, std::move(stop));
+  if (IsOtherSpelling(handle.inode)) notifier_.SizeChanged(handle.file->number);
   // What was written around the kernel's cache is not in the pages that it has of the file.
   if (handle.caching == Caching::kBypass) notifier_.FileChanged(handle.file->number);
 }

@@ -23,6 +23,8 @@ namespace mounted {
 
 inline constexpr fuse_ino_t kOtherSpelling = fuse_ino_t{1} << 62;
 
+inline bool IsOtherSpelling(fuse_ino_t inode) noexcept { return (inode & kOtherSpelling) != 0; }
+
 inline drive::ItemNumber NumberOf(fuse_ino_t inode) noexcept {
   return static_cast<drive::ItemNumber>(inode & ~kOtherSpelling);
 }

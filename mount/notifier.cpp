@@ -32,6 +32,13 @@ void Notifier::EntryGone(drive::ItemNumber folder, const std::string& name,
 
 void Notifier::FileChanged(drive::ItemNumber number) { Take({.inode = InodeOf(number)}); }
 
+void Notifier::SizeChanged(drive::ItemNumber number) const {
+  constexpr off_t kAttributesAlone = -1;
+  const fuse_ino_t inode = InodeOf(number);
+  if (session_ == nullptr || !inodes_.IsKnown(inode)) return;
+  fuse_lowlevel_notify_inval_inode(session_, inode, kAttributesAlone, 0);
+}
+
 void Notifier::Take(Note note) {
   const std::lock_guard lock(mutex_);
   if (!running_) return;

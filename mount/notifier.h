@@ -36,6 +36,11 @@ class Notifier final : public drive::Watcher {
                  drive::ItemNumber number) override;
   void FileChanged(drive::ItemNumber number) override;
 
+  /// The file was changed through its inode of another spelling: the size that the kernel knows of
+  /// the other inode is dropped before this returns, so that whoever reads next sees the change.
+  /// May be called while a request is answered: attributes alone are dropped without any lock.
+  void SizeChanged(drive::ItemNumber number) const;
+
  private:
   struct Note {
     fuse_ino_t folder = 0;  ///< 0: about the file `inode` itself
