@@ -28,6 +28,12 @@ bool IsPassing(Trouble trouble) {
          trouble == Trouble::kSignedOut || trouble == Trouble::kStopped;
 }
 
+/// Whether the item's local changes were made to this version.
+bool IsBaseOf(const Item& item, const RemoteItem& remote) {
+  if (!item.copy_etag.empty()) return remote.etag == item.copy_etag;
+  return IsVersion(remote, item.etag, item.base_size, item.base_modified);
+}
+
 RemoteItem ToRemote(const Item& item) {
   return {.id = item.id, .name = item.base.name, .kind = item.kind, .etag = item.etag};
 }
@@ -786,8 +792,7 @@ void Sender::SolveChanged(const Task& task) {
     item->copy_etag = remote.etag;
     item->sent.clear();
     core_.catalog.Put(*item);
-  } else if (!item->IsRemoved() && !IsVersion(remote, task.step.item.etag, task.step.item.base_size,
-                                              task.step.item.base_modified)) {
+  } else if (!item->IsRemoved() && !IsBaseOf(task.step.item, remote)) {
     Merge(change).Split(*std::move(item), remote);
   }
   change.Commit();
