@@ -14,6 +14,7 @@ namespace {
 enum class Moment {
   kBefore,     ///< here nothing was sent yet
   kDuring,     ///< in the middle of the first request that sends the change from here
+  kSeen,       ///< as kBefore; the folder has been listed since, but nothing was sent
   kWhileOpen,  ///< as kBefore; a program has the file open for reading until all is sent
 };
 
@@ -86,6 +87,10 @@ class World {
       };
     } else {
       pair.there(there);
+    }
+    if (moment == Moment::kSeen) {
+      clock_.Pass(std::chrono::minutes(1));
+      client_.GetTree();
     }
     client_.Sync();
     client_.remote.around = [](const auto&, bool) {};
@@ -160,7 +165,8 @@ TEST(Contradiction, OneFile) {
       {"removed, removed", kRemove, kRemoved, With({})},
   };
   for (const Pair& pair : pairs) {
-    for (const Moment moment : {Moment::kBefore, Moment::kDuring, Moment::kWhileOpen}) {
+    for (const Moment moment :
+         {Moment::kBefore, Moment::kDuring, Moment::kSeen, Moment::kWhileOpen}) {
       World().Run(pair, moment);
     }
   }
@@ -203,7 +209,8 @@ TEST(Contradiction, TheSameNewName) {
        With({{"d/NEW", "base"}, {ours, "base"}}, {{"d/sub/", ""}})},
   };
   for (const Pair& pair : pairs) {
-    for (const Moment moment : {Moment::kBefore, Moment::kDuring}) World().Run(pair, moment);
+    for (const Moment moment : {Moment::kBefore, Moment::kDuring, Moment::kSeen})
+      World().Run(pair, moment);
   }
 }
 
@@ -239,7 +246,8 @@ TEST(Contradiction, AFolderAndWhatIsInIt) {
        With({{"e/moved/", ""}, {"e/moved/x", "base"}, {"e/moved/mine", "mine"}}, base)},
   };
   for (const Pair& pair : pairs) {
-    for (const Moment moment : {Moment::kBefore, Moment::kDuring}) World().Run(pair, moment);
+    for (const Moment moment : {Moment::kBefore, Moment::kDuring, Moment::kSeen})
+      World().Run(pair, moment);
   }
   // What comes into a folder in the moment between the look at it and its removal goes with it.
   World().Run({"removed, added to", remove, added,
