@@ -146,8 +146,9 @@ TEST_F(LoginTest, PollingEndsOnlyWhenTheAuthorityRefuses) {
 }
 
 TEST_F(LoginTest, ByBrowserWithItsOwnAnswerOnly) {
+  std::jthread browser;
   profile_.KeepRefreshToken(LogInByBrowser(context_, [&](const std::string& question) {
-    std::thread([question] {
+    browser = std::jthread([question] {
       const std::string back = Browser::Answer(question);
       const std::string place = back.substr(0, back.find('?'));
       EXPECT_TRUE(place.starts_with("http://localhost:")) << place;
@@ -157,8 +158,9 @@ TEST_F(LoginTest, ByBrowserWithItsOwnAnswerOnly) {
       const Browser::Page page = Browser::Open(back);
       EXPECT_EQ(page.status, 200);
       EXPECT_NE(page.body.find("close this window"), std::string::npos);
-    }).detach();
+    });
   }));
+  browser.join();
   EXPECT_NE(Authorizer(Parts()).AccessToken(service_.ServiceResource()), "");
 
   std::promise<std::string> asked;
