@@ -79,6 +79,37 @@ void Merge::TakeAbsent(const Listing& listing) {
   }
 }
 
+/// Of the folders from `folder` up to `above`, the first that was moved here.
+std::optional<Item> Merge::MovedBetween(ItemNumber folder, ItemNumber above) const {
+  while (folder != above) {
+    std::optional<Item> item = core_.catalog.Find(folder);
+    if (!item || item->number == kTop || item->IsRemoved() || item->IsMoved()) return item;
+    folder = item->place.parent;
+  }
+  return std::nullopt;
+}
+
+/// Sees to it that the item may be placed in the folder. What was moved here into something that
+/// was moved into it elsewhere goes back to where the service has it. False: what is known of the
+/// folder's own place is too old.
+bool Merge::CanHold(ItemNumber folder, ItemNumber item) {
+  for (;;) {
+    ItemNumber above = folder;
+    while (above != kTop && above != 0 && above != item) {
+      const std::optional<Item> parent = core_.catalog.Find(above);
+      above = parent ? parent->place.parent : 0;
+    }
+    if (above != item) return true;
+    std::optional<Item> moved = MovedBetween(folder, item);
+    if (!moved || !moved->IsMoved()) return false;
+    const Place old = moved->place;
+    PlaceAt(*moved, moved->base);
+    Put(*moved);
+    change_.EntryGone(old, moved->number);
+    change_.EntryChanged(moved->place);
+  }
+}
+
 /// Entries that the listing has and that are known: their names may have been exchanged, so all
 /// that get another name leave theirs before the first takes its new one.
 void Merge::Follow(const Item& folder, const std::vector<std::pair<Item, RemoteItem>>& known) {
@@ -89,7 +120,7 @@ void Merge::Follow(const Item& folder, const std::vector<std::pair<Item, RemoteI
   std::vector<Renamed> renamed;
   for (const auto& [before, remote] : known) {
     std::optional<Item> item = core_.catalog.Find(before.number);
-    if (!item) continue;
+    if (!item || (item->IsFolder() && !CanHold(folder.number, item->number))) continue;
     const Place place{.parent = folder.number, .name = remote.name};
     // In a folder that is put together by the module two entries may have one name.
     const bool fixed = folder.kind == Kind::kFixedFolder;

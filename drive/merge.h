@@ -68,6 +68,8 @@ class Merge {
   void TakeAbsent(const Listing& listing);
   void Follow(const Item& folder, const std::vector<std::pair<Item, RemoteItem>>& known);
   void PlaceAt(Item& item, const Place& place);
+  std::optional<Item> MovedBetween(ItemNumber folder, ItemNumber above) const;
+  bool CanHold(ItemNumber folder, ItemNumber item);
   void MakeNew(Item& item);
   void Put(Item& item) { core_.catalog.Put(item); }
 
