@@ -147,23 +147,24 @@ host::ServiceSettings Program::StoredSettings() {
 
 void Program::ChooseService() {
   host::ServiceSettings& service = options_.service;
-  const host::ServiceSettings stored = StoredSettings();
-  if (const host::AuthorityChoice& choice = options_.authority;
-      !choice.cloud.empty() || !choice.authority.empty() || !choice.tenant.empty()) {
-    host::SetAuthority(service, choice);
-  }
+  host::ServiceSettings known;
   std::string token;
   if (options_.emulator) {
     emulated_ = std::make_unique<EmulatedService>();
-    host::FillMissing(service, emulated_->Settings());
+    known = emulated_->Settings();
     token = emulated_->IssueRefreshToken();
   } else if (!options_.service_file.empty()) {
     host::ServiceFile file = host::ReadServiceFile(options_.service_file);
-    host::FillMissing(service, file.settings);
+    known = std::move(file.settings);
     token = std::move(file.refresh_token);
   }
   if (!options_.refresh_token_file.empty()) token = ReadToken(options_.refresh_token_file);
-  host::FillMissing(service, stored);
+  host::FillMissing(known, StoredSettings());
+  if (const host::AuthorityChoice& choice = options_.authority;
+      !choice.cloud.empty() || !choice.authority.empty() || !choice.tenant.empty()) {
+    host::SetAuthority(service, choice, known);
+  }
+  host::FillMissing(service, known);
   host::SetAuthority(service, {});
   if (!service.discovery_url.empty() && service.discovery_resource.empty()) {
     service.discovery_resource = host::kDefaultDiscoveryResource;
@@ -234,13 +235,13 @@ void Program::UseDrive(const host::HttpClient& http, Interrupts& interrupts) {
 /// Signs in, which uses the drive, too.
 void Program::Connect(host::Session& session) {
   try {
-    AsSignIn([&] { session.Connect(); });
+    session.Connect();
   } catch (const host::Failure& failure) {
-    const bool was_found = options_.service.drive_from == host::kDriveFromUnifiedApi && !is_new_;
-    if (was_found && !looked_again_ && failure.kind() == host::FailureKind::kSignIn) {
-      throw DriveIsGone(failure);
-    }
-    throw;
+    // Not when nothing answers: then nobody could say where else it is.
+    const bool may_have_moved = options_.service.drive_from == host::kDriveFromUnifiedApi &&
+                                !is_new_ && failure.kind() == host::FailureKind::kSignIn;
+    if (may_have_moved && !looked_again_) throw DriveIsGone(failure);
+    AsSignIn([] { throw; });
   }
   KeepSignIn();
 }

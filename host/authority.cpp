@@ -32,6 +32,15 @@ std::string WithoutSlashes(std::string_view address) {
   return std::string(address);
 }
 
+/// Where the tenant begins, "https://login.example/TENANT/oauth2/..."; 0: there is none.
+std::size_t TenantAt(const std::string& token_url) {
+  const std::size_t end = token_url.find("/oauth2/");
+  const std::size_t host = token_url.find("://");
+  if (end == std::string::npos || host == std::string::npos) return 0;
+  const std::size_t slash = token_url.rfind('/', end - 1);
+  return slash < host + 3 ? 0 : slash + 1;
+}
+
 /// The address beside the token address.
 std::string Beside(const std::string& token_url, const char* name) {
   if (!token_url.ends_with(kToken)) return {};
@@ -69,12 +78,15 @@ std::string TokenUrl(std::string authority, const std::string& tenant) {
   return authority + "/oauth2/v2.0/token";
 }
 
+std::string AuthorityOf(const std::string& token_url) {
+  const std::size_t tenant = TenantAt(token_url);
+  return tenant == 0 ? std::string() : token_url.substr(0, tenant - 1);
+}
+
 std::string TenantOf(const std::string& token_url) {
-  const std::string path = Url(token_url).Part(CURLUPART_PATH);
-  const std::size_t end = path.find("/oauth2/");
-  if (end == std::string::npos || end == 0) return {};
-  const std::size_t begin = path.rfind('/', end - 1);
-  return path.substr(begin + 1, end - begin - 1);
+  const std::size_t tenant = TenantAt(token_url);
+  return tenant == 0 ? std::string()
+                     : token_url.substr(tenant, token_url.find('/', tenant) - tenant);
 }
 
 std::string DeviceUrl(const std::string& token_url) { return Beside(token_url, "/devicecode"); }

@@ -35,6 +35,9 @@ inline constexpr const char* kDefaultTenant = "organizations";
 /// which then counts instead of `tenant`.
 std::string TokenUrl(std::string authority, const std::string& tenant);
 
+/// The authority of a token address, without its tenant; empty when that has another form.
+std::string AuthorityOf(const std::string& token_url);
+
 /// The organisation that the token address names: a domain, an id, or "organizations".
 std::string TenantOf(const std::string& token_url);
 

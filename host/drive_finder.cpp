@@ -50,8 +50,7 @@ std::optional<SiteAddress> ReadAddress(const std::string& address) {
       !url.Part(CURLUPART_PASSWORD).empty()) {
     return std::nullopt;
   }
-  site.origin = scheme + "://" + site.host;
-  if (const std::string port = url.Part(CURLUPART_PORT); !port.empty()) site.origin += ':' + port;
+  site.origin = OriginOf(url);
   site.path = SitePath(url.Part(CURLUPART_PATH));
   return site;
 }

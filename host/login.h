@@ -24,7 +24,7 @@ struct LoginContext {
 };
 
 Failure LoginFailure(const std::string& reason);
-/// With the reason's kind and advice.
+/// With the reason's advice.
 Failure LoginFailure(const Failure& reason);
 
 /// Throws a kProxy or a kUnreachable Failure when there is no answer.

@@ -42,7 +42,14 @@ void FillMissing(ServiceSettings& settings, const ServiceSettings& fallback) {
   }
 }
 
-void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice) {
+void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice,
+                  const ServiceSettings& known) {
+  const bool tenant_alone = choice.cloud.empty() && choice.authority.empty();
+  if (const std::string authority = AuthorityOf(known.token_url);
+      tenant_alone && !choice.tenant.empty() && !authority.empty()) {
+    if (settings.token_url.empty()) settings.token_url = TokenUrl(authority, choice.tenant);
+    return;
+  }
   const std::string address = choice.authority.empty() ? settings.token_url : choice.authority;
   const Cloud* cloud = CloudOfAuthority(address);
   if (!choice.cloud.empty()) cloud = FindCloud(choice.cloud);
@@ -59,11 +66,7 @@ void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice) {
     settings.unified_api = cloud->unified_api;
   } else {
     // Of an authority that is in no cloud we know of, only its own host can be asked.
-    const Url url(settings.token_url);
-    settings.unified_api = url.Part(CURLUPART_SCHEME) + "://" + url.Part(CURLUPART_HOST);
-    if (const std::string port = url.Part(CURLUPART_PORT); !port.empty()) {
-      settings.unified_api += ':' + port;
-    }
+    settings.unified_api = OriginOf(Url(settings.token_url));
   }
 }
 

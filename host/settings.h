@@ -21,7 +21,7 @@ struct ServiceSettings {
   std::string service_endpoint;    ///< given together with `service_resource`: no discovery
   std::string service_resource;
   std::string unified_api;  ///< what is asked where the user's drive is, without a path
-  std::string drive_from;   ///< where `service_endpoint` is from: one of kDriveFrom...
+  std::string drive_from;   ///< what `service_endpoint` is from, if not given: kDriveFrom...
 };
 
 /// A member of ServiceSettings and its name in profiles and service files.
@@ -46,7 +46,6 @@ inline constexpr const char* kDefaultDiscoveryResource = "https://api.office.com
 
 inline constexpr const char* kDriveFromUnifiedApi = "unified API";
 inline constexpr const char* kDriveFromSite = "site";
-inline constexpr const char* kDriveFromUser = "given";
 
 /// Fills members of `settings` that are empty from `fallback`. The members that find the drive are
 /// taken together or not at all: half of one deployment and half of another would find none.
@@ -59,9 +58,11 @@ struct AuthorityChoice {
   std::string tenant;     ///< empty: kDefaultTenant
 };
 
-/// Fills the token address and that of the unified API where they are not set. Throws a kUsage
-/// Failure when there is no such cloud.
-void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice);
+/// Fills the token address and that of the unified API where they are not set. A tenant alone is
+/// one of the authority that is `known`: the tokens of that one are sent to no other. Throws a
+/// kUsage Failure when there is no such cloud.
+void SetAuthority(ServiceSettings& settings, const AuthorityChoice& choice,
+                  const ServiceSettings& known = {});
 
 /// Whether the drive's address has to be found before it can be used.
 bool NeedsDrive(const ServiceSettings& settings);

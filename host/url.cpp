@@ -18,6 +18,12 @@ std::string Url::Part(CURLUPart part, unsigned flags) const {
   return text;
 }
 
+std::string OriginOf(const Url& url) {
+  std::string origin = url.Part(CURLUPART_SCHEME) + "://" + url.Part(CURLUPART_HOST);
+  if (const std::string port = url.Part(CURLUPART_PORT); !port.empty()) origin += ':' + port;
+  return origin;
+}
+
 bool IsLoopback(const std::string& host) {
   in_addr v4{};
   if (::inet_pton(AF_INET, host.c_str(), &v4) == 1) return ntohl(v4.s_addr) >> 24U == 127;

@@ -24,6 +24,9 @@ class Url {
   bool ok_ = false;
 };
 
+/// Scheme, host and port, as far as they are there: "https://host:8443".
+std::string OriginOf(const Url& url);
+
 /// Whether the host of a URL is certainly this machine: "localhost", 127.0.0.0/8 or [::1], but not
 /// a name that only looks similar, such as 127.example.com.
 bool IsLoopback(const std::string& host);

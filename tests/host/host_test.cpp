@@ -10,8 +10,7 @@
 #include "host/profile.h"
 #include "host/service_error.h"
 #include "host/text.h"
-#include "tests/host/folder_test.h"
-#include "tests/host/quiet_sink.h"
+#include "tests/host/emulated_authority.h"
 
 namespace host {
 namespace {
@@ -115,22 +114,12 @@ TEST_F(HostTest, WithdrawnTokenIsHiddenFromTheModuleAndSurvivesACrash) {
   EXPECT_EQ(profile.RefreshToken(), "");
 }
 
-/// An authoriser in front of a service that kills each refresh token once it was used.
-class AuthorizerTest : public HostTest {
+class AuthorizerTest : public EmulatedAuthority {
  protected:
   AuthorizerTest() {
     settings_.token_url = service_.TokenUrl();
     settings_.client_id = service_.ClientId();
     settings_.discovery_resource = service_.DiscoveryResource();
-  }
-
-  static emulator::ServiceOptions Options() {
-    emulator::ServiceOptions options;
-    options.tls = false;
-    options.seed = false;
-    options.revoke_used_refresh_tokens = true;
-    options.device_poll_interval = std::chrono::seconds(1);
-    return options;
   }
 
   static std::string LastError(const Authorizer& authorizer) {
@@ -146,13 +135,7 @@ class AuthorizerTest : public HostTest {
     return reply ? base::TextMember((*reply)["results"], "refresh_token").value_or("") : "";
   }
 
-  emulator::Service service_{Options()};
-  ServiceSettings settings_;
-  HttpClient http_{HttpSettings{}};
-  Redactor redactor_;
-  QuietSink sink_;
-  Log log_{sink_, redactor_};
-  Cancellation cancellation_;
+  const fs::path profile_file_ = folder_ / "state" / "p.json";
 };
 
 TEST_F(AuthorizerTest, NewestTokenWinsOverTheOneTheModuleGivesBack) {

@@ -13,8 +13,7 @@
 #include "host/device_login.h"
 #include "host/drive_finder.h"
 #include "host/profile.h"
-#include "tests/host/folder_test.h"
-#include "tests/host/quiet_sink.h"
+#include "tests/host/emulated_authority.h"
 #include "tests/web_server.h"
 
 namespace host {
@@ -63,21 +62,12 @@ class Browser {
   }
 };
 
-class LoginTest : public FolderTest {
+class LoginTest : public EmulatedAuthority {
  protected:
   LoginTest() {
     settings_.token_url = TokenUrl(service_.AuthorityUrl(), {});
     settings_.unified_api = resource_ = service_.UnifiedApiUrl();
     settings_.client_id = service_.ClientId();
-  }
-
-  static emulator::ServiceOptions Options() {
-    emulator::ServiceOptions options;
-    options.tls = false;
-    options.seed = false;
-    options.revoke_used_refresh_tokens = true;
-    options.device_poll_interval = std::chrono::seconds(1);
-    return options;
   }
 
   std::string LogInByCode(const std::function<bool(const std::string& code)>& answer) {
@@ -103,14 +93,7 @@ class LoginTest : public FolderTest {
 
   AuthorizerContext Parts() { return {settings_, http_, profile_, log_, redactor_, cancellation_}; }
 
-  emulator::Service service_{Options()};
-  ServiceSettings settings_;
   std::string resource_;
-  HttpClient http_{HttpSettings{}};
-  Redactor redactor_;
-  QuietSink sink_;
-  Log log_{sink_, redactor_};
-  Cancellation cancellation_;
   LoginContext context_{settings_, resource_, http_, cancellation_, log_, redactor_};
   ValueStore store_;
   Profile profile_{store_, "p"};
@@ -279,6 +262,10 @@ TEST(Authority, AddressesOfCloudsAndTenants) {
   EXPECT_EQ(DeviceUrl(settings.token_url),
             "https://sts.example:8443/tenant/oauth2/v2.0/devicecode");
   EXPECT_FALSE(IsOldForm(settings.token_url));
+  ServiceSettings other;
+  SetAuthority(other, {.cloud = "", .authority = "", .tenant = "fabrikam"}, settings);
+  EXPECT_EQ(other.token_url, "https://sts.example:8443/fabrikam/oauth2/v2.0/token")
+      << "tokens of one authority are sent to no other";
   EXPECT_TRUE(IsOldForm("https://login.microsoftonline.com/common/oauth2/token"));
 }
 
