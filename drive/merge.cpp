@@ -120,13 +120,14 @@ void Merge::Follow(const Item& folder, const std::vector<std::pair<Item, RemoteI
   std::vector<Renamed> renamed;
   for (const auto& [before, remote] : known) {
     std::optional<Item> item = core_.catalog.Find(before.number);
-    if (!item || (item->IsFolder() && !CanHold(folder.number, item->number))) continue;
+    if (!item) continue;
     const Place place{.parent = folder.number, .name = remote.name};
     // In a folder that is put together by the module two entries may have one name.
     const bool fixed = folder.kind == Kind::kFixedFolder;
     if (item->base != place && !(fixed && item->base.parent == folder.number)) {
       const bool tried = item->tried.parent != 0;
       const bool follows = !item->IsRemoved() && !tried && item->place == item->base;
+      if (follows && item->IsFolder() && !CanHold(folder.number, item->number)) continue;
       if (item->tried == place) SettleTried(*item, remote);
       item->base = place;
       if (follows) {

@@ -28,8 +28,10 @@ FileTime::duration Interval(double rate) {
 
 /// How many requests the service has answered in the last second.
 double Pace::Passed(FileTime now) {
-  std::erase_if(sent_,
-                [&](FileTime time) { return time > now || now - time > std::chrono::seconds(1); });
+  const auto is_old = [&](FileTime time) {
+    return time > now || now - time > std::chrono::seconds(1);
+  };
+  while (!sent_.empty() && is_old(sent_.front())) sent_.pop_front();
   return static_cast<double>(sent_.size());
 }
 

@@ -299,7 +299,9 @@ void Sender::SolveMissing(const Task& task) {
     Change change(core_);
     Merge merge(change);
     if (remote) {
-      merge.SettleTried(*item, *remote);
+      // A folder that is being moved just now has its own answer to come.
+      const bool own = number == task.step.item.number;
+      if (own || !core_.busy.contains(item->number)) merge.SettleTried(*item, *remote);
       merge.Update(*item, *remote);
       if (item->base.name != remote->name && NameKey(item->base.name) != NameKey(remote->name)) {
         // Renamed elsewhere: where nothing was renamed here, the next listing tells.
